@@ -1,0 +1,18 @@
+# The platform layer under the library: "local", our stand-in, or the path of a library that offers the same interface.
+set(MEDIAUTIL_PLATFORM "local" CACHE STRING "Platform layer: local, or the path of a platform library")
+
+find_package(JPEG REQUIRED)
+add_library(mediautil_platform_headers INTERFACE)
+target_include_directories(mediautil_platform_headers INTERFACE ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(mediautil_platform_headers INTERFACE JPEG::JPEG Threads::Threads)
+
+if(MEDIAUTIL_PLATFORM STREQUAL "local")
+  add_subdirectory(platform/local)
+else()
+  if(MEDIAUTIL_TESTS OR MEDIAUTIL_FUZZ)
+    message(FATAL_ERROR "The tests need the stand-in platform: set MEDIAUTIL_TESTS and MEDIAUTIL_FUZZ to OFF")
+  endif()
+  add_library(mediautil_platform UNKNOWN IMPORTED)
+  set_target_properties(mediautil_platform PROPERTIES IMPORTED_LOCATION ${MEDIAUTIL_PLATFORM}
+    INTERFACE_LINK_LIBRARIES mediautil_platform_headers)
+endif()
