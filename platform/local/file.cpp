@@ -1,0 +1,79 @@
+#include "platform/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include "platform/local/fd.h"
+
+namespace {
+
+std::string DirOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+}
+
+// open(2) rather than mkostemp(3): the kernel applies the umask, which a library cannot read without changing it for
+// all threads. A leftover of an ended process may hold a name, so the next one is tried.
+int CreateTemporary(const std::string& dir, mode_t mode, std::string& name) {
+  static std::atomic<unsigned> counter{0};
+  constexpr int kAttempts = 1000;
+  int fd = -1;
+  for (int i = 0; i < kAttempts; ++i) {
+    name = dir + "/.write-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd >= 0 || errno != EEXIST) break;
+  }
+  return fd;
+}
+
+bool WriteAll(int fd, const char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// The rename is done and cannot be taken back, so a directory that cannot be synced is no failure.
+void SyncDir(const std::string& dir) {
+  const local::UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.IsOpen()) fsync(fd.Get());
+}
+
+}  // namespace
+
+int WriteContentFromBufToFile(const char* data, unsigned int size, bool sync, const std::string& path) {
+  if ((data == nullptr && size > 0) || path.empty() || path.find('\0') != std::string::npos) {
+    errno = EINVAL;
+    return -1;
+  }
+  struct stat old = {};
+  const bool exists = lstat(path.c_str(), &old) == 0;
+  if (exists && !S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) {
+    errno = EEXIST;
+    return -1;
+  }
+  const bool keepMode = exists && S_ISREG(old.st_mode);
+  const mode_t mode = keepMode ? old.st_mode & 0777 : 0666;
+  const std::string dir = DirOf(path);
+  std::string temporary;
+  local::UniqueFd fd(CreateTemporary(dir, mode, temporary));
+  if (!fd.IsOpen()) return -1;
+
+  if (WriteAll(fd.Get(), data, size) && (!keepMode || fchmod(fd.Get(), mode) == 0) && (!sync || fsync(fd.Get()) == 0) &&
+      fd.Close() == 0 && rename(temporary.c_str(), path.c_str()) == 0) {
+    if (sync) SyncDir(dir);
+    return 0;
+  }
+  const int error = errno;
+  unlink(temporary.c_str());
+  errno = error;
+  return -1;
+}

@@ -1,0 +1,5 @@
+#include "platform/time.h"
+
+long long USecToSec(long long usec) {
+  return usec / 1000000;
+}

@@ -1,0 +1,61 @@
+// A private state directory and log file for each test, and helpers that several tests share.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "platform/log.h"
+#include "tests/support/tempdir.h"
+
+class PlatformTest : public testing::Test {
+ protected:
+  PlatformTest() {
+    setenv("MEDIAUTIL_STATE_DIR", StateDir().c_str(), 1);
+    setenv("MEDIAUTIL_LOG_FILE", LogFile().c_str(), 1);
+  }
+  ~PlatformTest() override {
+    unsetenv("MEDIAUTIL_STATE_DIR");
+    unsetenv("MEDIAUTIL_LOG_FILE");
+    if (g_pDbgLogCfg != nullptr) munmap(g_pDbgLogCfg, sizeof(DbgLogCfg));
+    g_pDbgLogCfg = nullptr;
+  }
+
+  const std::string& Dir() const { return m_dir.Path(); }
+  std::string StateDir() const { return Dir() + "/state"; }
+  std::string LogFile() const { return Dir() + "/test.log"; }
+  std::string Record() const { return StateDir() + "/dbglog.cfg"; }
+
+ private:
+  TempDir m_dir;
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline void WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Starts a process that runs the function and exits with its result.
+template <typename F>
+pid_t StartProcess(F function) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(function());
+  return pid;
+}
+
+// Its exit code, or -1 when it ended otherwise.
+inline int WaitFor(pid_t pid) {
+  int status = 0;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
