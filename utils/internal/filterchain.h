@@ -1,0 +1,20 @@
+// Small steps of building and feeding a filter graph.
+#pragma once
+
+#include "utils/internal/ffmpegptr.h"
+
+namespace mediautil {
+
+// An empty graph that never starts a thread, or null.
+FfPtr<AVFilterGraph> MakeGraph();
+
+// Adds one filter instance; arguments may be null. Null for an unknown filter or refused arguments. The graph owns it.
+AVFilterContext* AddFilter(AVFilterGraph* graph, const char* filter, const char* name, const char* arguments);
+
+// Lets a video sink deliver only this pixel format. Negative on failure.
+int RestrictSink(AVFilterContext* sink, AVPixelFormat format);
+
+// Feeds one frame, which stays the caller's, and then the end of the stream. Negative on failure.
+int FeedOnly(AVFilterContext* source, AVFrame* frame);
+
+}  // namespace mediautil
