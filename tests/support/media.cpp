@@ -1,0 +1,325 @@
+#include "tests/support/media.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "utils/esformat.h"
+#include "utils/ffmpegdemuxer.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+using mediautil::FfPtr;
+
+// The HEVC encoder that the tests use does not give all of its memory back.
+extern "C" const char* __lsan_default_suppressions();
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
+  return "leak:libx265\n";
+}
+
+namespace {
+
+void Check(bool ok, const char* step) {
+  if (!ok) {
+    throw std::runtime_error(std::string("media factory: ") + step);
+  }
+}
+
+FfPtr<AVFrame> NewFrame(AVPixelFormat format, int width, int height, int alignment = 0) {
+  FfPtr<AVFrame> frame(av_frame_alloc());
+  frame->format = format;
+  frame->width = width;
+  frame->height = height;
+  Check(av_frame_get_buffer(frame.get(), alignment) >= 0, "picture buffer");
+  return frame;
+}
+
+FfPtr<AVFrame> ToRgb(const AVFrame* frame) {
+  FfPtr<AVFrame> rgb = NewFrame(AV_PIX_FMT_RGB24, frame->width, frame->height);
+  const FfPtr<SwsContext> sws(sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
+                                             frame->width, frame->height, AV_PIX_FMT_RGB24, SWS_BICUBIC, nullptr,
+                                             nullptr, nullptr));
+  Check(sws != nullptr, "scaler");
+  sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, rgb->data, rgb->linesize);
+  return rgb;
+}
+
+void Encode(AVCodecContext* ctx, const AVFrame* frame, Clip& clip) {
+  Check(avcodec_send_frame(ctx, frame) >= 0, "send frame");
+  const FfPtr<AVPacket> packet(av_packet_alloc());
+  while (avcodec_receive_packet(ctx, packet.get()) >= 0) {
+    clip.frames.push_back(
+        {Bytes(packet->data, packet->data + packet->size), packet->pts, (packet->flags & AV_PKT_FLAG_KEY) != 0});
+    av_packet_unref(packet.get());
+  }
+}
+
+FfPtr<AVCodecContext> OpenEncoder(const ClipWish& wish) {
+  const AVCodec* codec = avcodec_find_encoder_by_name(wish.encoder);
+  Check(codec != nullptr, wish.encoder);
+  FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
+  ctx->width = wish.width;
+  ctx->height = wish.height;
+  ctx->time_base = {1, 25};
+  ctx->framerate = {25, 1};
+  ctx->gop_size = wish.gop;
+  ctx->max_b_frames = wish.bFrames;
+  ctx->thread_count = 1;
+  ctx->pix_fmt = codec->id == AV_CODEC_ID_MJPEG ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+  if (codec->id == AV_CODEC_ID_MJPEG || codec->id == AV_CODEC_ID_MPEG4) {
+    ctx->flags |= AV_CODEC_FLAG_QSCALE;
+    ctx->global_quality = 3 * FF_QP2LAMBDA;
+  }
+  if (wish.globalHeader) {
+    ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  }
+  const std::string params = wish.params;
+  const std::string separator = params.empty() ? "" : ":";
+  if (codec->id == AV_CODEC_ID_H264) {
+    av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);
+    av_opt_set(ctx->priv_data, "x264-params", (params + separator + "scenecut=0").c_str(), 0);
+  } else if (codec->id == AV_CODEC_ID_HEVC) {
+    av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);
+    av_opt_set(
+        ctx->priv_data, "x265-params",
+        (params + separator + "log-level=none:pools=none:frame-threads=1:bframes=" + std::to_string(wish.bFrames))
+            .c_str(),
+        0);
+  }
+  Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
+  return ctx;
+}
+
+AVStream* AddVideo(AVFormatContext* oc, const Clip& clip) {
+  AVStream* st = avformat_new_stream(oc, nullptr);
+  st->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
+  st->codecpar->codec_id = clip.codecId;
+  st->codecpar->width = clip.width;
+  st->codecpar->height = clip.height;
+  st->time_base = {1, clip.framesPerSecond};
+  st->avg_frame_rate = {clip.framesPerSecond, 1};
+  if (!clip.extradata.empty()) {
+    st->codecpar->extradata =
+        static_cast<std::uint8_t*>(av_mallocz(clip.extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    std::memcpy(st->codecpar->extradata, clip.extradata.data(), clip.extradata.size());
+    st->codecpar->extradata_size = static_cast<int>(clip.extradata.size());
+  }
+  return st;
+}
+
+AVStream* AddSilence(AVFormatContext* oc, int rate) {
+  AVStream* st = avformat_new_stream(oc, nullptr);
+  st->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
+  st->codecpar->codec_id = AV_CODEC_ID_PCM_MULAW;
+  st->codecpar->sample_rate = rate;
+  av_channel_layout_default(&st->codecpar->ch_layout, 1);
+  st->codecpar->bits_per_coded_sample = 8;
+  st->time_base = {1, rate};
+  return st;
+}
+
+void WritePacket(AVFormatContext* oc, const AVStream* st, const Bytes& data, std::int64_t pts, std::int64_t dts,
+                 std::int64_t duration, AVRational timeBase, bool key) {
+  const FfPtr<AVPacket> packet(av_packet_alloc());
+  Check(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
+  std::memcpy(packet->data, data.data(), data.size());
+  packet->stream_index = st->index;
+  packet->flags = key ? AV_PKT_FLAG_KEY : 0;
+  packet->pts = av_rescale_q(pts, timeBase, st->time_base);
+  packet->dts = av_rescale_q(dts, timeBase, st->time_base);
+  packet->duration = av_rescale_q(duration, timeBase, st->time_base);
+  Check(av_interleaved_write_frame(oc, packet.get()) >= 0, "write packet");
+}
+
+FETCH_CONN CollectVideo(void* opaque, ESFormat& fmt, AVPacket& pkt, AVStream*) {
+  if (fmt.i_cat == ES_VIDEO) {
+    static_cast<Clip*>(opaque)->frames.push_back(
+        {Bytes(pkt.data, pkt.data + pkt.size), pkt.pts, (pkt.flags & AV_PKT_FLAG_KEY) != 0});
+  }
+  return FETCH_CONN_NEXT;
+}
+
+}  // namespace
+
+FfPtr<AVFrame> TestPicture(AVPixelFormat format, int width, int height, int n) {
+  FfPtr<AVFrame> rgb = NewFrame(AV_PIX_FMT_RGB24, width, height);
+  for (int y = 0; y < height; ++y) {
+    std::uint8_t* pixel = rgb->data[0] + static_cast<std::ptrdiff_t>(y) * rgb->linesize[0];
+    for (int x = 0; x < width; ++x, pixel += 3) {
+      const bool inSquare = std::abs(x - width / 4 - n * 8) < width / 10 && std::abs(y - height / 2) < height / 10;
+      const int red = x * 200 / width + 20;
+      const int green = y * 200 / height + 20;
+      const int blue = 180 - x * 100 / width;
+      pixel[0] = static_cast<std::uint8_t>(inSquare ? 250 : red);
+      pixel[1] = static_cast<std::uint8_t>(inSquare ? 240 : green);
+      pixel[2] = static_cast<std::uint8_t>(inSquare ? 40 : blue);
+    }
+  }
+  if (format == AV_PIX_FMT_RGB24) {
+    return rgb;
+  }
+  FfPtr<AVFrame> frame = NewFrame(format, width, height);
+  const FfPtr<SwsContext> sws(
+      sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, format, SWS_BICUBIC, nullptr, nullptr, nullptr));
+  Check(sws != nullptr, "scaler");
+  sws_scale(sws.get(), rgb->data, rgb->linesize, 0, height, frame->data, frame->linesize);
+  return frame;
+}
+
+FfPtr<AVFrame> SolidRgb(int width, int height, std::uint8_t r, std::uint8_t g, std::uint8_t b, int alignment) {
+  FfPtr<AVFrame> frame = NewFrame(AV_PIX_FMT_RGB24, width, height, alignment);
+  for (int y = 0; y < height; ++y) {
+    std::uint8_t* pixel = frame->data[0] + static_cast<std::ptrdiff_t>(y) * frame->linesize[0];
+    for (int x = 0; x < width; ++x, pixel += 3) {
+      pixel[0] = r;
+      pixel[1] = g;
+      pixel[2] = b;
+    }
+  }
+  return frame;
+}
+
+Clip EncodeClip(const ClipWish& wish) {
+  const FfPtr<AVCodecContext> ctx = OpenEncoder(wish);
+  Clip clip;
+  clip.codecId = ctx->codec_id;
+  clip.width = wish.width;
+  clip.height = wish.height;
+  if (ctx->extradata_size > 0) {
+    clip.extradata.assign(ctx->extradata, ctx->extradata + ctx->extradata_size);
+  }
+  for (int n = 0; n < wish.frames; ++n) {
+    const FfPtr<AVFrame> picture = TestPicture(ctx->pix_fmt, wish.width, wish.height, n);
+    picture->pts = n;
+    picture->quality = ctx->global_quality;
+    Encode(ctx.get(), picture.get(), clip);
+  }
+  Encode(ctx.get(), nullptr, clip);
+  return clip;
+}
+
+Bytes MxpegKeyFrame(int width, int height) {
+  const Bytes jpeg = EncodeClip({"mjpeg", width, height, 1}).frames.at(0).data;
+  const int blocksWide = (width + 15) / 16;
+  const int blocksHigh = (height + 15) / 16;
+  const auto maskSize = static_cast<std::size_t>(blocksWide * blocksHigh + 7) / 8;
+  const auto length = 14 + maskSize;
+  Bytes comment = {0xFF,
+                   0xFE,
+                   static_cast<std::uint8_t>(length >> 8),
+                   static_cast<std::uint8_t>(length),
+                   'M',
+                   'X',
+                   'M',
+                   0,
+                   static_cast<std::uint8_t>(blocksWide),
+                   static_cast<std::uint8_t>(blocksWide >> 8),
+                   static_cast<std::uint8_t>(blocksHigh),
+                   static_cast<std::uint8_t>(blocksHigh >> 8),
+                   0,
+                   0,
+                   0,
+                   0};
+  comment.insert(comment.end(), maskSize, 0xFF);
+  Bytes frame(jpeg.begin(), jpeg.begin() + 2);
+  frame.insert(frame.end(), comment.begin(), comment.end());
+  frame.insert(frame.end(), jpeg.begin() + 2, jpeg.end());
+  return frame;
+}
+
+void WriteFile(const Clip& clip, const std::string& path, int audioRate) {
+  AVFormatContext* oc = nullptr;
+  Check(avformat_alloc_output_context2(&oc, nullptr, nullptr, path.c_str()) >= 0, "container");
+  const mediautil::ScopeExit release([oc] {
+    avio_closep(&oc->pb);
+    avformat_free_context(oc);
+  });
+  const AVStream* video = AddVideo(oc, clip);
+  const AVStream* audio = audioRate > 0 ? AddSilence(oc, audioRate) : nullptr;
+  Check(avio_open(&oc->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0, path.c_str());
+  Check(avformat_write_header(oc, nullptr) >= 0, "header");
+  // Frames arrive in decoding order; with B-frames the decoding times start early enough for all of them.
+  std::int64_t delay = 0;
+  for (std::size_t i = 0; i < clip.frames.size(); ++i) {
+    delay = std::max(delay, static_cast<std::int64_t>(i) - clip.frames[i].pts);
+  }
+  for (std::size_t i = 0; i < clip.frames.size(); ++i) {
+    const auto n = static_cast<std::int64_t>(i);
+    WritePacket(oc, video, clip.frames[i].data, clip.frames[i].pts, n - delay, 1, {1, clip.framesPerSecond},
+                clip.frames[i].key);
+    if (audio != nullptr) {
+      const std::int64_t samples = audioRate / clip.framesPerSecond;
+      WritePacket(oc, audio, Bytes(static_cast<std::size_t>(samples), 0xFF), n * samples, n * samples, samples,
+                  {1, audioRate}, true);
+    }
+  }
+  Check(av_write_trailer(oc) >= 0, "trailer");
+}
+
+Clip AsInMp4(const Clip& clip, const std::string& path) {
+  WriteFile(clip, path);
+  Clip read = clip;
+  read.frames.clear();
+  FFmpegDemux demux;
+  ESFormat video;
+  ESFormat audio;
+  Check(demux.Open(path, video, audio) == 0, "reopen");
+  demux.Demux(video, audio, &read, CollectVideo);
+  read.extradata.assign(video.p_extra, video.p_extra + video.i_extra);
+  video.Reset(ES_UNKNOWN);
+  audio.Reset(ES_UNKNOWN);
+  return read;
+}
+
+FfPtr<AVFrame> ReferencePicture(const Clip& clip, std::size_t frames) {
+  const AVCodec* codec = avcodec_find_decoder(clip.codecId);
+  const FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
+  if (!clip.extradata.empty()) {
+    ctx->extradata = static_cast<std::uint8_t*>(av_mallocz(clip.extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    std::memcpy(ctx->extradata, clip.extradata.data(), clip.extradata.size());
+    ctx->extradata_size = static_cast<int>(clip.extradata.size());
+  }
+  Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open decoder");
+  for (std::size_t i = 0; i < frames; ++i) {
+    const FfPtr<AVPacket> packet(av_packet_alloc());
+    Check(av_new_packet(packet.get(), static_cast<int>(clip.frames.at(i).data.size())) >= 0, "packet");
+    std::memcpy(packet->data, clip.frames[i].data.data(), clip.frames[i].data.size());
+    avcodec_send_packet(ctx.get(), packet.get());
+  }
+  avcodec_send_packet(ctx.get(), nullptr);
+  FfPtr<AVFrame> frame(av_frame_alloc());
+  Check(avcodec_receive_frame(ctx.get(), frame.get()) >= 0, "decode");
+  return frame;
+}
+
+double MeanDifference(const AVFrame* a, const AVFrame* b) {
+  if (a == nullptr || b == nullptr || a->width != b->width || a->height != b->height) {
+    return 255;
+  }
+  const FfPtr<AVFrame> left = ToRgb(a);
+  const FfPtr<AVFrame> right = ToRgb(b);
+  double sum = 0;
+  for (int y = 0; y < left->height; ++y) {
+    const std::uint8_t* p = left->data[0] + static_cast<std::ptrdiff_t>(y) * left->linesize[0];
+    const std::uint8_t* q = right->data[0] + static_cast<std::ptrdiff_t>(y) * right->linesize[0];
+    for (int x = 0; x < left->width * 3; ++x) {
+      sum += std::abs(p[x] - q[x]);
+    }
+  }
+  return sum / (3.0 * left->width * left->height);
+}
+
+unsigned int PixelAt(const std::uint8_t* rgb, int stride, int x, int y) {
+  const std::uint8_t* p = rgb + static_cast<std::ptrdiff_t>(y) * stride + static_cast<std::ptrdiff_t>(x) * 3;
+  return static_cast<unsigned int>(p[0]) << 16 | static_cast<unsigned int>(p[1]) << 8 | p[2];
+}
+
+void SaveBytes(const std::string& path, const void* data, std::size_t size) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  Check(file != nullptr && std::fwrite(data, 1, size, file) == size && std::fclose(file) == 0, path.c_str());
+}

@@ -1,0 +1,123 @@
+// Sessions on many threads at once; also run under ThreadSanitizer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/media.h"
+#include "tests/support/tempdir.h"
+#include "utils/ffmpegdemuxer.h"
+#include "utils/imageobject.h"
+#include "utils/internal/log.h"
+#include "utils/mpeg4util.h"
+
+namespace {
+
+constexpr int kThreads = 32;
+
+void OnThreads(const std::function<void(int)>& work) {
+  std::vector<std::thread> threads;
+  for (int n = 0; n < kThreads; ++n) {
+    threads.emplace_back(work, n);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+std::size_t ThreadCount() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+}  // namespace
+
+TEST(Threads, DecodersOpenAndCloseAtOnce) {
+  const Clip clips[] = {EncodeClip({"libx264", 64, 48, 2}), EncodeClip({"mjpeg", 64, 48, 2})};
+  std::atomic<int> pictures{0};
+  OnThreads([&](int n) {
+    const Clip& clip = clips[n % 2];
+    for (int round = 0; round < 4; ++round) {
+      FFmpegAttr attr = {};
+      unsigned char* buffer = nullptr;
+      ASSERT_EQ(DoFFMpegInitVideo(attr, n % 2 == 0 ? 3 : 1, nullptr, 0), 0);
+      const Bytes& data = clip.frames[0].data;
+      pictures += DoFFMpegDecode(attr, data.data(), static_cast<int>(data.size())) == 0 ? 1 : 0;
+      EXPECT_EQ(DoFFMpegResetContext(attr), 0);
+      DoFFMpegFree(attr, buffer);
+    }
+  });
+  EXPECT_EQ(pictures, kThreads * 4);
+}
+
+TEST(Threads, SnapshotsAreThoseOfOneThread) {
+  const Bytes key = EncodeClip({"libx264", 160, 120, 1}).frames[0].data;
+  const auto snapshot = [&key] {
+    AVFrame* frame = nullptr;
+    unsigned char* jpeg = nullptr;
+    int size = 0;
+    DoFFMpegGetScaledFrame(3, nullptr, 0, key.data(), static_cast<int>(key.size()), &frame, 80);
+    DoFFMpegGetJpeg(frame, &jpeg, &size, -1, "00000000500000005000500000005000");
+    Bytes bytes(jpeg, jpeg + size);
+    std::free(jpeg);
+    DoFFmpegFrameFree(&frame);
+    return bytes;
+  };
+  const Bytes expected = snapshot();
+  std::atomic<int> equal{0};
+  OnThreads([&](int) { equal += snapshot() == expected ? 1 : 0; });
+  EXPECT_EQ(equal, kThreads);
+}
+
+TEST(Threads, LogGuardAndRegistration) {
+  LogCapture log;
+  log.cfg.pidCount = 1;
+  log.cfg.pids[0] = 1;
+  g_DbgLogPid = 0;
+  OnThreads([&log](int n) {
+    LockAVCodecRegister();
+    LockAVFilterRegister();
+    if (n == 5) {
+      log.Detach();
+    }
+    DoFFmpegConvertFrameFormat(nullptr, AV_PIX_FMT_RGBA, nullptr);
+  });
+  EXPECT_EQ(log.Lines().size(), static_cast<std::size_t>(kThreads));
+}
+
+TEST(Threads, TheLibraryStartsNone) {
+  const TempDir dir;
+  const Clip clip = EncodeClip({"libx264", 320, 240, 10, 0, true});
+  WriteFile(clip, dir.Path("clip.mp4"));
+  const std::size_t before = ThreadCount();
+  std::size_t most = before;
+  const auto look = [&most] { most = std::max(most, ThreadCount()); };
+
+  FFmpegDemux demux;
+  ESFormat video;
+  ESFormat audio;
+  ASSERT_EQ(demux.Open(dir.Path("clip.mp4"), video, audio), 0);
+  look();
+  video.Reset(ES_UNKNOWN);
+  FFmpegAttr attr = {};
+  unsigned char* buffer = nullptr;
+  ASSERT_EQ(DoFFMpegInitVideo(attr, 3, clip.extradata.data(), static_cast<int>(clip.extradata.size())), 0);
+  const Bytes& key = clip.frames[0].data;
+  ASSERT_EQ(DoFFMpegDecode(attr, key.data(), static_cast<int>(key.size())), 0);
+  look();
+  AVFrame* rgba = nullptr;
+  AVFrame* mask = nullptr;
+  AVFrame* result = nullptr;
+  ASSERT_EQ(DoFFmpegConvertFrameFormat(attr.pRawFrame, AV_PIX_FMT_RGBA, &rgba), 0);
+  ASSERT_EQ(GetPrivacyRegionFrame(&mask, "00000000500000005000500000005000", 320, 240), 0);
+  ASSERT_EQ(DoFFMpegOverlayTwoImage(rgba, mask, &result, AV_PIX_FMT_RGB24), 0);
+  look();
+  EXPECT_EQ(most, before);
+  DoFFmpegFrameFree(&rgba);
+  DoFFmpegFrameFree(&mask);
+  av_frame_free(&result);
+  DoFFMpegFree(attr, buffer);
+}
