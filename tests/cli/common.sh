@@ -1,0 +1,62 @@
+# Prelude of the program's tests: a directory of their own, must-fail cases, and looks at pictures with ffmpeg.
+# shellcheck shell=bash
+set -euo pipefail
+: "${MEDIAUTIL:?the path of the program under test}"
+MEDIAUTIL=$(realpath "$MEDIAUTIL")
+unset MEDIAUTIL_STATE_DIR MEDIAUTIL_LOG_FILE
+# A sanitizer's report must not look like one of the program's own exit codes.
+for options in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do
+  export "$options=${!options:+${!options}:}exitcode=99"
+done
+
+DIR=$(mktemp -d)
+trap 'rm -rf "$DIR"' EXIT
+cd "$DIR"
+
+die() {
+  echo "FAILED: $*" >&2
+  sed 's/^/  stderr: /' err.txt >&2 || true
+  exit 1
+}
+
+# Runs the program; stdout goes to out.txt, stderr to err.txt.
+must() { "$MEDIAUTIL" "$@" >out.txt 2>err.txt || die "exit code $? of: $*"; }
+must_fail() {
+  local wanted=$1 code=0
+  shift
+  "$MEDIAUTIL" "$@" >out.txt 2>err.txt || code=$?
+  [ "$code" = "$wanted" ] || die "exit code $code, not $wanted, of: $*"
+  [ ! -s out.txt ] || die "a failure wrote to stdout: $*"
+  [ -s err.txt ] || die "a failure without a message: $*"
+}
+says() { grep -qF -- "$1" err.txt || die "stderr lacks: $1"; }
+prints() { grep -qF -- "$1" out.txt || die "stdout lacks: $1 ($(head -c 500 out.txt))"; }
+equal() { [ "$1" = "$2" ] || die "${3:-values}: $1 is not $2"; }
+# json EXPRESSION: a Python expression over the object d in out.txt.
+json() { python3 -c 'import json, sys; d = json.load(open("out.txt")); print(eval(sys.argv[1]))' "$1"; }
+
+size() { ffprobe -v error -select_streams v:0 -show_entries stream=codec_name,width,height -of csv=p=0 "$1"; }
+
+# colour FILE [X Y]: the name of the flat colour at a pixel, (160, 90) without one.
+colour() {
+  local r g b
+  read -r r g b < <(ffmpeg -v error -i "$1" -frames:v 1 -pix_fmt rgb24 \
+    -vf "crop=1:1:${2:-160}:${3:-90}:exact=1" -f rawvideo - </dev/null | od -An -tu1)
+  local name=
+  for v in "$r" "$g" "$b"; do
+    if [ "$v" -lt 60 ]; then name+=0; elif [ "$v" -gt 195 ]; then name+=1; else name+='?'; fi
+  done
+  case $name in
+    000) echo black ;; 100) echo red ;; 010) echo green ;; 001) echo blue ;; 111) echo white ;;
+    *) echo "$r,$g,$b" ;;
+  esac
+}
+
+# colours OUT RATE ENCODER...: 320x180; red, green, blue, white for 30 frames each; each begins with a key frame.
+colours() {
+  local out=$1 rate=$2
+  shift 2
+  local inputs=() c
+  for c in red lime blue white; do inputs+=(-f lavfi -i "color=$c:size=320x180:rate=$rate,trim=end_frame=30"); done
+  ffmpeg -v error -y "${inputs[@]}" -filter_complex 'concat=n=4,format=yuv420p' -g 30 "$@" "$out" </dev/null
+}

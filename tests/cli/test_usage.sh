@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Command line: suggestions, exit codes, help, version, stdout that cannot be written, Ctrl-C.
+# shellcheck source=tests/cli/common.sh
+. "$(dirname "$0")/common.sh"
+
+colours rec.mp4 20 -c:v libx264
+
+while IFS='|' read -r line text; do
+  read -ra words <<<"$line"
+  must_fail 2 "${words[@]}"
+  says "$text"
+  equal "$(wc -l <err.txt)" 1 "lines of: $line"
+done <<'END'
+snapshot rec.mp4 -o a.jpg --max-sde 3|unknown option --max-sde; did you mean --max-side?
+snapshot rec.mp4 -o a.jpg --max-sde=3|unknown option --max-sde; did you mean --max-side?
+snapshot rec.mp4 --ouput a.jpg|unknown option --ouput; did you mean --output?
+probe rec.mp4 --frobnicate|unknown option --frobnicate; see mediautil probe --help
+probe rec.mp4 -x|unknown option -x; see mediautil probe --help
+snapshto rec.mp4|unknown command snapshto; did you mean snapshot?
+explode rec.mp4|unknown command explode; see mediautil --help
+--verison|unknown option --verison; did you mean --version?
+probe rec.mp4 more|probe: unexpected argument more; see mediautil probe --help
+probe|probe: FILE is required; see mediautil probe --help
+snapshot rec.mp4|snapshot: --output is required; see mediautil snapshot --help
+snapshot rec.mp4 -o a.jpg --quality 0|--quality
+snapshot rec.mp4 -o a.jpg --quality 101|--quality
+snapshot rec.mp4 -o a.jpg --max-side 0|--max-side
+snapshot rec.mp4 -o a.jpg --max-side 3x|--max-side
+snapshot rec.mp4 -o a.jpg --at soon|--at
+snapshot rec.mp4 -o a.jpg --at nan|--at
+probe rec.mp4 -q -v|-q and -v exclude each other
+END
+must_fail 2
+says "a command is missing; see mediautil --help"
+[ ! -e a.jpg ] || die "wrong usage wrote a file"
+
+must --version
+grep -qxE 'mediautil [0-9]+\.[0-9]+\.[0-9]+' out.txt || die "version"
+for command in '' probe snapshot thumbnail log-level; do
+  must ${command:+"$command"} --help
+  [ "$(wc -l <out.txt)" -le 40 ] || die "help of '$command' is longer than 40 lines"
+  [ "$(grep -c '^  mediautil ' out.txt)" = 2 ] || die "help of '$command' has not 2 examples"
+  head -n 1 out.txt | grep -qE '^[A-Z].*\.$' || die "help of '$command' does not begin with what it does"
+done
+
+# stdout that takes nothing is an error with a message, never a signal.
+code=0
+"$MEDIAUTIL" probe rec.mp4 2>err.txt >/dev/full || code=$?
+equal "$code" 1 "full stdout"
+says "stdout: cannot write the result: No space left on device"
+code=0
+"$MEDIAUTIL" snapshot rec.mp4 -o - 2>err.txt >&- || code=$?
+equal "$code" 1 "closed stdout"
+says "stdout: cannot write the result"
+mkfifo pipe
+(exec 3<>pipe && exec 4>pipe && exec 3>&- && sleep 0 && code=0 &&
+  { "$MEDIAUTIL" probe rec.mp4 2>err.txt >&4 || code=$?; } && equal "$code" 1 "pipe without a reader")
+says "Broken pipe"
+"$MEDIAUTIL" snapshot rec.mp4 -o a.jpg 2>&-
+equal "$(size a.jpg)" mjpeg,320,180 "picture with stderr closed"
+if command -v script >/dev/null; then
+  script -qec "'$MEDIAUTIL' snapshot rec.mp4 -o -; echo code \$?" /dev/null </dev/null >err.txt
+  says "a terminal shows no picture"
+  says "code 2"
+fi
+
+# Ctrl-C while it waits for input.
+code=0
+timeout --preserve-status -s INT 1 "$MEDIAUTIL" probe pipe 2>err.txt || code=$?
+equal "$code" 130 "Ctrl-C"

@@ -1,0 +1,85 @@
+// What the commands share: exit codes, messages, input and output files, picture options.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+namespace Json {
+class Value;
+}
+
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+constexpr int kBadInput = 3;
+
+// What a command line asks for; returns the exit code.
+using Action = std::function<int()>;
+
+// Each adds one command to the program; a command line that names it sets action.
+void AddProbe(CLI::App& app, Action& action);
+void AddSnapshot(CLI::App& app, Action& action);
+void AddThumbnail(CLI::App& app, Action& action);
+void AddLogLevel(CLI::App& app, Action& action);
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Messages, all to stderr
+// ---------------------------------------------------------------------------------------------------------------------
+
+// Prints an error as one line and returns code.
+int Fail(int code, const std::string& text);
+
+// Prints a remark, unless the program was asked to be quiet.
+void Note(const std::string& text);
+void SetQuiet(bool quiet);
+
+// The candidate that word was most likely meant to be, letter case ignored; empty when none is near.
+std::string NearestName(const std::string& word, const std::vector<std::string>& candidates);
+
+// "; did you mean NAME?" or, without a near candidate, "; HINT".
+std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates, const std::string& hint);
+
+std::string LowerCase(std::string text);
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------------------------------
+
+// kDone when the file can be read; otherwise prints why not.
+int CheckInput(const std::string& path);
+
+// The path as the library shall open it: always a file, although a name such as "cam1:noon.mp4" looks like a URL.
+std::string InputPath(const std::string& path);
+
+// Tests before the work whether output may be written: not a terminal, not the input itself, not a device.
+int CheckOutput(const std::string& output, const std::string& input);
+
+// Writes to the file as a whole or, for "-", to stdout. kDone or kFailed.
+int WriteOutput(const std::string& output, const void* data, unsigned int size);
+
+// Writes a result to stdout. kDone or kFailed.
+int PrintResult(const std::string& text);
+
+// The value as one line of JSON in ASCII.
+std::string JsonLine(const Json::Value& value);
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Options of the commands that make a picture
+// ---------------------------------------------------------------------------------------------------------------------
+
+struct PictureArgs {
+  std::string input;
+  std::string output;
+  std::optional<double> at;  // seconds from the start of the stream
+  std::string privacy;       // empty: nothing is hidden
+};
+
+void AddPictureOptions(CLI::App& command, PictureArgs& args);
+
+// The tests that need no decoding: input, output and the form of the privacy text. kDone, or prints the error.
+int CheckPictureArgs(const PictureArgs& args);

@@ -1,0 +1,180 @@
+#include "tools/mediautil/keyframe.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include "tools/mediautil/args.h"
+#include "utils/ffmpegdemuxer.h"
+
+extern "C" {
+#include <libavcodec/packet.h>
+#include <libavformat/avformat.h>
+#include <libavutil/common.h>
+#include <libavutil/mathematics.h>
+}
+
+namespace {
+
+constexpr double kMicro = 1e6;
+constexpr AVRational kMicroseconds = {1, AV_TIME_BASE};
+// Far beyond any recording, and small enough for every product of times below.
+constexpr double kLongestSeconds = 1e9;
+
+// An open recording with the records of its streams.
+struct Recording {
+  FFmpegDemux demux;
+  ESFormat video;
+  ESFormat audio;
+
+  Recording() = default;
+  ~Recording() {
+    video.Reset(ES_UNKNOWN);
+    audio.Reset(ES_UNKNOWN);
+  }
+  Recording(const Recording&) = delete;
+  Recording& operator=(const Recording&) = delete;
+};
+
+// Walks over the packets and keeps the best key frame so far. Times are microseconds from the start of the stream;
+// AV_NOPTS_VALUE stands for none.
+struct Search {
+  std::int64_t wanted = AV_NOPTS_VALUE;
+  bool takeFirst = false;  // the first key frame will do when it is later than wanted
+  bool unmarked = false;   // any frame counts as a key frame
+  bool found = false;
+  std::int64_t time = AV_NOPTS_VALUE;
+  std::vector<unsigned char> data;
+
+  static FETCH_CONN Fetch(void* opaque, ESFormat& fmt, AVPacket& pkt, AVStream* st) {
+    return fmt.i_cat == ES_VIDEO ? static_cast<Search*>(opaque)->Look(pkt, *st) : FETCH_CONN_NEXT;
+  }
+
+ private:
+  static std::int64_t Time(std::int64_t ts, const AVStream& st) {
+    const std::int64_t start = st.start_time == AV_NOPTS_VALUE ? 0 : st.start_time;
+    return ts == AV_NOPTS_VALUE ? ts : av_rescale_q(av_sat_sub64(ts, start), st.time_base, kMicroseconds);
+  }
+
+  bool Fits(std::int64_t keyTime) const { return keyTime != AV_NOPTS_VALUE && keyTime <= wanted; }
+
+  FETCH_CONN Look(const AVPacket& pkt, const AVStream& st) {
+    // Frames are shown in another order than they are stored, but never before their decoding time: what is read after
+    // a packet whose decoding time is past cannot be at or before the wanted time.
+    const std::int64_t decodeTime = Time(pkt.dts != AV_NOPTS_VALUE ? pkt.dts : pkt.pts, st);
+    const bool past = decodeTime != AV_NOPTS_VALUE && decodeTime > wanted;
+    if (past && (found || !takeFirst)) {
+      return FETCH_CONN_STOP;
+    }
+    const std::int64_t keyTime = Time(pkt.pts != AV_NOPTS_VALUE ? pkt.pts : pkt.dts, st);
+    const bool key = (unmarked || (pkt.flags & AV_PKT_FLAG_KEY) != 0) && pkt.size > 0;
+    if (key && (Fits(keyTime) || (takeFirst && !found))) {
+      found = true;
+      time = keyTime;
+      data.assign(pkt.data, pkt.data + pkt.size);
+    }
+    return found && wanted == AV_NOPTS_VALUE ? FETCH_CONN_STOP : FETCH_CONN_NEXT;
+  }
+};
+
+int VideoType(int codecId) {
+  switch (codecId) {
+    case AV_CODEC_ID_MJPEG:
+      return 1;
+    case AV_CODEC_ID_MPEG4:
+      return 2;
+    case AV_CODEC_ID_H264:
+      return 3;
+    case AV_CODEC_ID_MXPEG:
+      return 5;
+    case AV_CODEC_ID_HEVC:
+      return 6;
+    default:
+      return 0;
+  }
+}
+
+int Open(const std::string& path, Recording& recording) {
+  if (recording.demux.Open(InputPath(path), recording.video, recording.audio) != 0) {
+    return Fail(kBadInput, path + ": cannot open the recording: not media, or damaged; check that it was copied whole");
+  }
+  if (recording.demux.GetVdoStream() == nullptr) {
+    return Fail(kFailed, path + ": cannot find a key frame: no video stream; mediautil probe shows what it holds");
+  }
+  if (VideoType(recording.video.i_codec_id) == 0) {
+    return Fail(kFailed, path + ": cannot decode " +
+                             avcodec_get_name(static_cast<AVCodecID>(recording.video.i_codec_id)) +
+                             " video: only MJPEG, MPEG-4, H.264, HEVC and MxPEG are; convert the recording first");
+  }
+  return kDone;
+}
+
+// The whole second of the stream's own time line that a time falls in, as Seek takes it.
+long long SeekTarget(const AVStream& st, double at) {
+  const double start = st.start_time == AV_NOPTS_VALUE ? 0 : static_cast<double>(st.start_time) * av_q2d(st.time_base);
+  return static_cast<long long>(std::clamp(std::floor(start + at), 0.0, 4 * kLongestSeconds));
+}
+
+}  // namespace
+
+int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFrame& frame) {
+  auto recording = std::make_unique<Recording>();
+  if (const int code = Open(path, *recording); code != kDone) {
+    return code;
+  }
+  Search search;
+  if (at) {
+    search.wanted = std::llround(std::clamp(*at, -kLongestSeconds, kLongestSeconds) * kMicro);
+  }
+  // A seek may fail unseen or land anywhere. What it leads to only counts when it is early enough; otherwise the
+  // recording is read from its start.
+  if (at && *at >= 1) {
+    recording->demux.Seek(SeekTarget(*recording->demux.GetVdoStream(), std::min(*at, kLongestSeconds)),
+                          AVSEEK_FLAG_BACKWARD);
+    recording->demux.Demux(recording->video, recording->audio, &search, Search::Fetch);
+    if (!search.found) {
+      recording = std::make_unique<Recording>();
+      if (const int code = Open(path, *recording); code != kDone) {
+        return code;
+      }
+    }
+  }
+  if (!search.found) {
+    search.takeFirst = true;
+    recording->demux.Demux(recording->video, recording->audio, &search, Search::Fetch);
+  }
+  if (!search.found) {
+    // A damaged recording may have lost its marks, but it begins with a key frame all the same.
+    recording = std::make_unique<Recording>();
+    if (const int code = Open(path, *recording); code != kDone) {
+      return code;
+    }
+    search.unmarked = true;
+    search.wanted = AV_NOPTS_VALUE;
+    recording->demux.Demux(recording->video, recording->audio, &search, Search::Fetch);
+  }
+  if (!search.found) {
+    return Fail(kFailed, path + ": cannot find a key frame: the video stream holds none; the recording may be cut off");
+  }
+  if (at && search.time == AV_NOPTS_VALUE) {
+    return Fail(kFailed, path + ": cannot find the time: its video carries no times; leave --at out");
+  }
+  frame.videoType = VideoType(recording->video.i_codec_id);
+  frame.extradata.assign(recording->video.p_extra, recording->video.p_extra + recording->video.i_extra);
+  frame.data = std::move(search.data);
+  if (search.time != AV_NOPTS_VALUE) {
+    frame.seconds = static_cast<double>(search.time) / kMicro;
+  }
+  return kDone;
+}
+
+std::string KeyFrameText(const KeyFrame& frame) {
+  if (!frame.seconds) {
+    return {};
+  }
+  char text[64];
+  std::snprintf(text, sizeof(text), " (key frame at %.3f s)", *frame.seconds);
+  return text;
+}

@@ -1,0 +1,123 @@
+// mediautil: the library's jobs for operators.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <new>
+
+#include "platform/log.h"
+#include "tools/mediautil/args.h"
+
+namespace {
+
+struct LogArgs {
+  bool quiet = false;
+  int verbose = 0;
+};
+
+void AddLogOptions(CLI::App& command, LogArgs& args) {
+  command.add_flag("-q,--quiet", args.quiet, "print only the program's own errors");
+  command.add_flag("-v,--verbose", args.verbose, "log more; twice: everything");
+}
+
+// Without a shared record, or when the user asks for more or less, the library follows a record of this process.
+void SetUpLog(const LogArgs& args) {
+  constexpr int kLevels[] = {LOG_LEVEL_ERR, LOG_LEVEL_NOTE, LOG_LEVEL_TRACE};
+  SetQuiet(args.quiet);
+  ReinitDbgLogCfg();
+  if (g_pDbgLogCfg != nullptr && !args.quiet && args.verbose == 0) {
+    return;
+  }
+  static DbgLogCfg own = {};
+  std::fill(std::begin(own.categLevel), std::end(own.categLevel), args.quiet ? 0 : kLevels[std::min(args.verbose, 2)]);
+  g_pDbgLogCfg = &own;
+}
+
+std::vector<std::string> OptionNames(const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
+    }
+  }
+  return names;
+}
+
+std::vector<std::string> CommandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    names.push_back(command->get_name());
+  }
+  return names;
+}
+
+// A word that the parser did not know explains the failure better than what is missing in its place.
+int FailUsage(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  const CLI::App& command = chosen.empty() ? app : *chosen.front();
+  const std::string help = "see mediautil " + (chosen.empty() ? "" : command.get_name() + " ") + "--help";
+  const std::vector<std::string> unknown = app.remaining(true);
+  for (const std::string& word : unknown) {
+    if (word.size() > 1 && word[0] == '-' && word != "--") {
+      const std::string option = word.substr(0, word.find('='));
+      return Fail(kUsage, "unknown option " + option + Suggestion(option, OptionNames(command), help));
+    }
+  }
+  if (chosen.empty()) {
+    return Fail(kUsage, unknown.empty() ? "a command is missing; " + help
+                                        : "unknown command " + unknown.front() +
+                                              Suggestion(unknown.front(), CommandNames(app), help));
+  }
+  if (!unknown.empty()) {
+    return Fail(kUsage, command.get_name() + ": unexpected argument " + unknown.front() + "; " + help);
+  }
+  return Fail(kUsage, command.get_name() + ": " + error.what() + "; " + help);
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app("Pictures and facts from the recordings of a network video recorder.", "mediautil");
+  LogArgs log;
+  Action action;
+  AddProbe(app, action);
+  AddSnapshot(app, action);
+  AddThumbnail(app, action);
+  AddLogLevel(app, action);
+  AddLogOptions(app, log);
+  for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    AddLogOptions(*command, log);
+    command->get_formatter()->column_width(29);
+  }
+  app.set_version_flag("--version", "mediautil " MEDIAUTIL_VERSION);
+  app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 input unreadable or not media, 130 interrupted.\n\n"
+      "Examples:\n  mediautil probe gate.mp4\n  mediautil snapshot gate.mp4 -o gate.jpg --at 12.5");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    return PrintResult(app.help());
+  } catch (const CLI::CallForVersion& version) {
+    return PrintResult(std::string(version.what()) + "\n");
+  } catch (const CLI::ParseError& error) {
+    return FailUsage(app, error);
+  }
+  if (log.quiet && log.verbose > 0) {
+    return Fail(kUsage, "-q and -v exclude each other; leave one of them out");
+  }
+  SetUpLog(log);
+  return action();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // What cannot be written is an error with a message.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  try {
+    return Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return Fail(kFailed, "out of memory; close other programs or try a smaller recording");
+  } catch (const std::exception& error) {
+    return Fail(kFailed, std::string("unexpected failure: ") + error.what() + "; run again with -vv");
+  }
+}
