@@ -1,0 +1,136 @@
+#!/usr/bin/env bash
+# Builds the program and runs its main jobs on a recording: demo.sh [RECORDING] [--clean]. The result is a page,
+# demo/index.html. Without RECORDING a test recording is made; --clean removes what the demo made.
+set -euo pipefail
+
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=$top/build/demo
+out=$top/demo
+page=$out/index.html
+program=$build/bin/mediautil
+
+usage() {
+  echo "usage: demo.sh [RECORDING] [--clean]" >&2
+  exit 2
+}
+
+# quietly WHAT COMMAND...: output only when the command fails.
+quietly() {
+  local what=$1 log
+  shift
+  log=$(mktemp)
+  echo "$what ..."
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    echo "demo.sh: failed: $what" >&2
+    exit 1
+  fi
+  rm -f "$log"
+}
+
+escape() { sed -e 's/&/\&amp;/g' -e 's/</\&lt;/g' -e 's/>/\&gt;/g'; }
+
+# ---------------------------------------------------------------------------------------------------------------------
+# Sections of the page; each runs the program in $out, where the recording is called recording.*
+# ---------------------------------------------------------------------------------------------------------------------
+
+begin_page() {
+  cat >"$page" <<'HTML'
+<!DOCTYPE html>
+<html lang="en">
+<meta charset="utf-8">
+<meta name="viewport" content="width=device-width">
+<title>mediautil demo</title>
+<style>
+  body { font: 16px/1.5 system-ui, sans-serif; max-width: 60rem; margin: 2rem auto; padding: 0 1rem; color: #222; }
+  h1 { font-size: 1.6rem; } h2 { font-size: 1.15rem; margin: 2.5rem 0 .5rem; }
+  pre { background: #f3f4f6; border-radius: 6px; padding: .6rem .9rem; overflow-x: auto; }
+  img { max-width: 100%; border: 1px solid #ccc; } p { margin: .3rem 0; }
+</style>
+HTML
+  printf '<h1>mediautil %s</h1>\n<p>Made from %s. Every picture stands under the command that made it.</p>\n' \
+    "$("$program" --version | cut -d' ' -f2)" "$(printf %s "$1" | escape)" >>"$page"
+}
+
+# heading TITLE TEXT COMMAND...: what a section shows, and its command line.
+heading() {
+  local title=$1 text=$2
+  shift 2
+  {
+    printf '<h2>%s</h2>\n<p>%s</p>\n<pre>' "$title" "$text"
+    printf '$ mediautil'
+    printf ' %q' "$@" | escape
+    printf '</pre>\n'
+  } >>"$page"
+}
+
+# text_section TITLE TEXT ARGUMENT...: shows what the program prints.
+text_section() {
+  heading "$@"
+  shift 2
+  { printf '<pre>'; "$program" "$@" | escape; printf '</pre>\n'; } >>"$page"
+}
+
+# picture_section TITLE TEXT FILE ARGUMENT...: shows the picture FILE that the program writes.
+picture_section() {
+  local title=$1 text=$2 file=$3
+  shift 3
+  heading "$title" "$text" "$@" -o "$file"
+  "$program" -q "$@" -o "$file"
+  printf '<img alt="%s" src="data:image/jpeg;base64,%s">\n<p>%s, %s bytes</p>\n' "$title" "$(base64 -w 0 "$file")" \
+    "$(ffprobe -v error -select_streams v:0 -show_entries stream=width,height -of csv=p=0:s=x "$file")" \
+    "$(stat -c %s "$file")" >>"$page"
+}
+
+# ---------------------------------------------------------------------------------------------------------------------
+
+recording=
+clean=
+for argument in "$@"; do
+  case $argument in
+    --clean) clean=yes ;;
+    -*) usage ;;
+    *) [ -z "$recording" ] || usage; recording=$argument ;;
+  esac
+done
+if [ -n "$clean" ]; then
+  rm -rf "$out" "$build"
+  exit 0
+fi
+if [ -n "$recording" ]; then
+  [ -f "$recording" ] || { echo "demo.sh: no such recording: $recording" >&2; exit 1; }
+  recording=$(realpath -- "$recording")
+fi
+
+"$top/scripts/setup.sh" demo
+cd "$top"
+quietly "Configuring" cmake --preset release -B "$build" -DMEDIAUTIL_BENCH=OFF -DMEDIAUTIL_TESTS=OFF
+quietly "Building" cmake --build "$build" --target mediautil_tool
+
+rm -rf "$out"
+mkdir -p "$out"
+cd "$out"
+if [ -z "$recording" ]; then
+  name=recording.mp4
+  origin="a test recording: 6 s, a key frame every 2 s, with sound"
+  quietly "Making a recording" ffmpeg -y -f lavfi -i testsrc2=size=640x360:rate=25 -f lavfi -i sine=frequency=440 -t 6 \
+    -c:v libx264 -pix_fmt yuv420p -g 50 -c:a aac "$name"
+else
+  origin=$(basename -- "$recording")
+  name=recording
+  case $origin in *.*) name=recording.${origin##*.} ;; esac
+  ln -s -- "$recording" "$name"
+fi
+
+echo "Running the program ..."
+begin_page "$origin"
+text_section "Probe" "What the recording holds." probe "$name"
+picture_section "Snapshot" "The first key frame in full size." first.jpg snapshot "$name"
+picture_section "Snapshot at a time" "The key frame at or before 3.5 seconds." later.jpg snapshot "$name" --at 3.5
+picture_section "Scaled snapshot" "The longer side at most 240 pixels." small.jpg snapshot "$name" --max-side 240
+picture_section "Masked snapshot" "Two privacy regions: the upper left quarter and a triangle at the lower right." \
+  masked.jpg snapshot "$name" --privacy '00000000500000005000500000005000;999949999999999940009999'
+picture_section "Event thumbnail" "The size that event lists show." thumbnail.jpg thumbnail "$name"
+picture_section "Event preview" "Twice that size." preview.jpg thumbnail "$name" --preview
+echo "Done: $page"

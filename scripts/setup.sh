@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs what is missing of the Debian packages: setup.sh [demo|test]. demo builds and runs the program; test, the
+# default, adds what the tests, the benchmarks and the checks need. Touches nothing when nothing is missing.
+set -euo pipefail
+
+demo_packages=(
+  g++ cmake ninja-build pkg-config ffmpeg
+  libavcodec-dev libavfilter-dev libavformat-dev libavutil-dev libswresample-dev libswscale-dev
+  libcli11-dev libjpeg-dev libjsoncpp-dev libsqlite3-dev
+)
+test_packages=(
+  libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev valgrind shellcheck python3
+)
+
+case ${1:-test} in
+  demo) packages=("${demo_packages[@]}") ;;
+  test) packages=("${demo_packages[@]}" "${test_packages[@]}") ;;
+  *)
+    echo "usage: setup.sh [demo|test]" >&2
+    exit 2
+    ;;
+esac
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) || true
+  [ "$status" = installed ] || missing+=("$package")
+done
+[ "${#missing[@]}" -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" != 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "setup.sh: not root and no sudo; as root, run: apt-get install ${missing[*]}" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+echo "setup.sh: installing ${missing[*]}" >&2
+# Outdated lists are no failure as long as the packages can be had.
+"${as_root[@]}" apt-get update -qq || echo "setup.sh: apt-get update failed, trying with the lists as they are" >&2
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
