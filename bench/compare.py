@@ -1,0 +1,270 @@
+#!/usr/bin/env python3
+"""Compares the library with the least work that gives the same result, and with public programs. README.md has the
+method."""
+
+import argparse
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+SIDES = ("library", "floor")
+SECTIONS = ("count", "time", "process")
+
+# What an operation may cost in user-space instructions: as a ratio to the floor, and on its own for log calls. A masked
+# picture by the image route goes through RGBA and YUV, whose pixels are its result; the floor paints into RGB.
+RATIO_GOALS = (
+    (r"(h264|hevc|mjpeg)/(320|full)/(frame|image)", 1.01),
+    (r"(h264|hevc|mjpeg)/(320|full)/frame-masked", 1.02),
+    (r"(h264|hevc|mjpeg)/(320|full)/image-masked", 2.2),
+    (r"thumbnail", 1.01),
+)
+INSTRUCTION_GOALS = {"log/dropped": 11}
+LOOP = "log/loop"  # the empty loop around the log calls, taken off them
+COUNTED_LOG_CALLS = 10000
+TIMED_LOG_CALLS = 5000000
+TIMED_MICROSECONDS = 300000  # of one timed run
+
+
+class Failure(Exception):
+    pass
+
+
+def run(command, **options):
+    result = subprocess.run([str(part) for part in command], capture_output=True, text=True, check=False, **options)
+    if result.returncode != 0:
+        raise Failure(f"{command[0]} failed ({result.returncode}):\n{result.stderr.strip() or result.stdout.strip()}")
+    return result
+
+
+class Workload:
+    """One workload of one benchmark program."""
+
+    def __init__(self, program, name):
+        self.program = program
+        self.name = name
+        self.is_log = name.startswith("log/")
+
+    def command(self, side, times):
+        return [*self.program, "--once", f"{self.name}/{side}", times]
+
+    def instructions(self, side, out_file):
+        """Instructions of one call; start-up and warm-up are not collected."""
+        calls = COUNTED_LOG_CALLS if self.is_log else 1
+        result = run(["valgrind", "--tool=callgrind", "--toggle-collect=CountedRun",
+                      f"--callgrind-out-file={out_file}", *self.command(side, calls)])
+        found = re.search(r"Collected : (\d+)", result.stderr)
+        if found is None or int(found[1]) == 0:
+            raise Failure(f"callgrind collected nothing for {self.name}/{side}")
+        return int(found[1]) / calls
+
+    def microseconds(self, side, times):
+        return float(run(self.command(side, times)).stdout)
+
+    def goal(self):
+        """The ratio that instructions may reach, or None."""
+        return next((goal for pattern, goal in RATIO_GOALS if re.fullmatch(pattern, self.name)), None)
+
+
+def print_table(title, columns, rows):
+    print(f"\n{title}\n")
+    cells = [columns] + [[str(cell) for cell in row] for row in rows]
+    widths = [max(len(row[i]) for row in cells) for i in range(len(columns))]
+    for row in cells:
+        print("  ".join(cell.ljust(w) if i == 0 else cell.rjust(w)
+                        for i, (cell, w) in enumerate(zip(row, widths))).rstrip())
+
+
+def goal_cells(value, goal):
+    if goal is None:
+        return ["-", ""], False
+    exceeded = value > goal
+    return [f"{goal:g}", "ABOVE" if exceeded else "ok"], exceeded
+
+
+def count(workloads, keep):
+    """Prints instructions per operation. Returns the names that exceed their goal."""
+    above = []
+    rows = []
+    log_rows = []
+    loop = 0
+    for workload in workloads:
+        found = {}
+        for side in SIDES:
+            out_file = Path(keep) / f"callgrind.{workload.name.replace('/', '_')}.{side}" if keep else "/dev/null"
+            found[side] = workload.instructions(side, out_file)
+        if workload.name == LOOP:
+            loop = found["library"]
+            continue
+        if workload.is_log:
+            net = found["library"] - loop
+            # The few instructions around the loop are no part of a call.
+            cells, exceeded = goal_cells(round(net, 1), INSTRUCTION_GOALS.get(workload.name))
+            log_rows.append([workload.name, f"{net:.1f}", f"{found['floor'] - loop:.1f}", *cells])
+        else:
+            ratio = found["library"] / found["floor"]
+            cells, exceeded = goal_cells(ratio, workload.goal())
+            rows.append([workload.name, f"{found['library'] / 1e6:.2f}", f"{found['floor'] / 1e6:.2f}",
+                         f"{ratio:.4f}", *cells])
+        if exceeded:
+            above.append(workload.name)
+    if rows:
+        print_table("Million user-space instructions per operation",
+                    ["workload", "library", "floor", "ratio", "goal", ""], rows)
+    if log_rows:
+        print_table("Instructions per log call, loop taken off", ["workload", "library", "floor", "goal", ""], log_rows)
+    return above
+
+
+def time_in_turn(workloads, rounds):
+    """Prints CPU times; library and floor run in turn, so that both meet the same disturbances."""
+    rows = []
+    for workload in workloads:
+        calls = TIMED_LOG_CALLS
+        if not workload.is_log:
+            calls = max(1, round(TIMED_MICROSECONDS / workload.microseconds("floor", 1)))
+        times = {side: [] for side in SIDES}
+        for _ in range(rounds):
+            for side in SIDES:
+                times[side].append(workload.microseconds(side, calls))
+        ratios = [a / b for a, b in zip(times["library"], times["floor"])]
+        unit, scale = ("ns", 1000) if workload.is_log else ("ms", 0.001)
+        rows.append([workload.name, f"{statistics.median(times['library']) * scale:.2f} {unit}",
+                     f"{statistics.median(times['floor']) * scale:.2f} {unit}", f"{statistics.median(ratios):.2f}",
+                     f"{min(ratios):.2f}-{max(ratios):.2f}"])
+    print_table(f"CPU time per operation, user and system, medians of {rounds} rounds",
+                ["workload", "library", "floor", "ratio", "spread"], rows)
+
+
+def process_commands(tool, source, out):
+    """Whole-process snapshots to 320 pixels, by label. The first is ours."""
+    commands = {
+        "mediautil": [tool, "snapshot", source, "-o", out, "--max-side", "320"],
+        "ffmpeg": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", source, "-frames:v", "1", "-vf", "scale=320:-2",
+                   out],
+        "ffmpeg -threads 1": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-threads", "1", "-i", source, "-frames:v",
+                              "1", "-vf", "scale=320:-2", out],
+        "ffmpegthumbnailer": ["ffmpegthumbnailer", "-i", source, "-o", out, "-s", "320"],
+    }
+    if source.suffix == ".jpg":
+        commands["convert"] = ["convert", source, "-resize", "320x180", "-quality", "85", out]
+    return commands
+
+
+def measure_process(command, out):
+    """CPU seconds and peak resident megabytes of one run; None when it makes no picture."""
+    out.unlink(missing_ok=True)
+    with subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL) as process:
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode != 0 or not out.is_file() or out.stat().st_size == 0:
+        return None
+    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
+
+
+def compare_processes(tool, inputs, rounds):
+    rows = []
+    for source in (inputs / "key.h264", inputs / "key.hevc", inputs / "key.jpg"):
+        out = inputs / "snapshot.jpg"
+        usable = {}
+        for label, command in process_commands(tool, source, out).items():
+            if shutil.which(str(command[0])) is None:
+                rows.append([f"{source.name}: {label}", "not installed", "", ""])
+            elif measure_process(command, out) is None:  # also warms the page cache
+                rows.append([f"{source.name}: {label}", "made no picture", "", ""])
+            else:
+                usable[label] = (command, [])
+        for _ in range(rounds):
+            for command, runs in usable.values():
+                runs.append(measure_process(command, out))
+        medians = {}
+        for label, (_, runs) in usable.items():
+            if None in runs:
+                raise Failure(f"{label} made no picture of {source.name} in one of its runs")
+            medians[label] = [statistics.median(values) for values in zip(*runs)]
+        for label, (cpu, resident) in medians.items():
+            ratio = f"{cpu / medians['mediautil'][0]:.2f}" if "mediautil" in medians else "-"
+            rows.append([f"{source.name}: {label}", f"{cpu * 1000:.0f} ms", ratio, f"{resident:.0f} MB"])
+    print_table(f"Snapshot to 320 pixels as a process of its own, medians of {rounds} rounds",
+                ["program", "CPU", "to mediautil", "peak resident"], rows)
+
+
+def find_workloads(programs, only):
+    """The workloads whose name matches; the empty loop comes along with the log calls."""
+    workloads = []
+    for program in programs:
+        names = run([*program, "--list"]).stdout.split()
+        wanted = [name for name in names if re.search(only, name)]
+        workloads += [Workload(program, name) for name in names if name in wanted or (wanted and name == LOOP)]
+    return workloads
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description="Measures the library against its floor and against public programs.")
+    parser.add_argument("sections", nargs="*", metavar="SECTION",
+                        help=f"{', '.join(SECTIONS)}: instructions, CPU times, whole processes; all without one")
+    parser.add_argument("--bin", type=Path, default=Path(__file__).resolve().parents[1] / "build/release/bin",
+                        help="folder of the benchmark programs (build/release/bin)")
+    parser.add_argument("--only", default="", metavar="REGEX", help="only workloads whose name matches")
+    parser.add_argument("--rounds", type=int, default=7, help="rounds of timed runs (7)")
+    parser.add_argument("--keep", metavar="DIR", help="keep callgrind's files there, for callgrind_annotate")
+    parser.add_argument("--gate", action="store_true", help="exit with 1 when instructions exceed a goal")
+    arguments = parser.parse_args()
+    unknown = set(arguments.sections) - set(SECTIONS)
+    if unknown:
+        parser.error(f"unknown section {', '.join(sorted(unknown))}; there are {', '.join(SECTIONS)}")
+    if arguments.rounds < 1:
+        parser.error("--rounds: at least 1")
+    if arguments.gate and arguments.sections and "count" not in arguments.sections:
+        parser.error("--gate looks at instructions: add the section count")
+    arguments.sections = arguments.sections or list(SECTIONS)
+    return arguments
+
+
+def compare(arguments, inputs):
+    pictures = arguments.bin / "mediautil_bench"
+    log_calls = arguments.bin / "mediautil_bench_log"
+    for program in (pictures, log_calls):
+        if not program.is_file():
+            raise Failure(f"{program} is missing: build with -DMEDIAUTIL_BENCH=ON, or name its folder with --bin")
+    run([pictures, "--make-inputs", inputs])
+    programs = [[pictures, "--inputs", inputs], [log_calls]]
+    for program in programs:
+        run([*program, "--check"])
+
+    workloads = find_workloads(programs, arguments.only)
+    if not workloads:
+        raise Failure(f"no workload matches {arguments.only}")
+    above = []
+    if "count" in arguments.sections:
+        if shutil.which("valgrind") is None:
+            raise Failure("valgrind is missing; scripts/setup.sh installs it")
+        if arguments.keep:
+            Path(arguments.keep).mkdir(parents=True, exist_ok=True)
+        above = count(workloads, arguments.keep)
+    if "time" in arguments.sections:
+        time_in_turn(workloads, arguments.rounds)
+    if "process" in arguments.sections:
+        compare_processes(arguments.bin / "mediautil", inputs, arguments.rounds)
+    if above:
+        print(f"\nAbove the goal: {', '.join(above)}")
+    return 1 if above and arguments.gate else 0
+
+
+def main():
+    arguments = parse_arguments()
+    try:
+        with tempfile.TemporaryDirectory() as folder:
+            return compare(arguments, Path(folder))
+    except Failure as failure:
+        print(f"compare.py: {failure}", file=sys.stderr)
+        return 3
+
+
+if __name__ == "__main__":
+    sys.exit(main())
