@@ -27,7 +27,6 @@ enum LOG_CATEG : int {
 //   7      developers, on one process (pid filter)  without bound
 enum LOG_LEVEL : int {
   LOG_LEVEL_ERR = 1,
-  LOG_LEVEL_CRIT = 2,
   LOG_LEVEL_WARN = 3,
   LOG_LEVEL_NOTE = 4,
   LOG_LEVEL_INFO = 5,
