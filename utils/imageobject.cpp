@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/camera.h"
 #include "platform/event.h"
@@ -28,8 +30,7 @@ namespace {
 constexpr LOG_CATEG kLogCategory = LOG_CATEG_MEDIA;
 
 constexpr int kVideoTypeHevc = 6;
-constexpr int kMinSide = 17;                    // a decoded picture below it is damage, not video
-constexpr std::uint64_t kMaxPixels = 1U << 26;  // of a resized picture, as of a JPEG that is read
+constexpr int kMinSide = 17;  // a decoded picture below it is damage, not video
 
 // Bytes of a packed RGB24 picture; they may not fit in 32 bits.
 std::uint64_t RgbSize(unsigned int width, unsigned int height) {
@@ -155,6 +156,7 @@ int ImageObject::LoadFromMPEG(int vdoType, const unsigned char* extradata, unsig
   const int initRet = DoFFMpegInitVideo(attr, vdoType, extradata, ToInt(extradataSize));
   VY_FAIL_IF(initRet != 0, -1, LOG_LEVEL_NOTE, "Failed to init FFmpeg dec: %d, VdoType[%d]\n", initRet, vdoType);
   attr.pCodecCtx->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
+  attr.pCodecCtx->max_pixels = mediautil::kMaxPixels;
   if (DecodePicture(attr, vdoType, data, ToInt(size)) != 0) {
     return -1;
   }
@@ -165,29 +167,43 @@ int ImageObject::LoadFromMPEG(int vdoType, const unsigned char* extradata, unsig
   }
   int outWidth = ChooseSide(width, attr.pRawFrame->width);
   int outHeight = ChooseSide(height, attr.pRawFrame->height);
-  int ret = DoFFMpegScale(attr, buffer, bufferSize, outWidth, outHeight, AV_PIX_FMT_RGB24);
+  int ret = -1;
+  if (static_cast<std::int64_t>(outWidth) * outHeight <= mediautil::kMaxPixels) {
+    ret = DoFFMpegScale(attr, buffer, bufferSize, outWidth, outHeight, AV_PIX_FMT_RGB24);
+  }
   if (attr.pOutFrame->width < 1) {
     ret = -1;  // nothing was written
   }
   VY_FAIL_IF(ret != 0, -1, LOG_LEVEL_WARN, "Failed to scale FFmpeg: %d\n", ret);
-  return LoadFromRGB(buffer, static_cast<unsigned int>(bufferSize), static_cast<unsigned int>(outWidth),
-                     static_cast<unsigned int>(outHeight));
+  // A new buffer of packed rows, which free releases as well: taken over instead of copied.
+  Take(buffer, static_cast<unsigned int>(bufferSize), static_cast<unsigned int>(outWidth),
+       static_cast<unsigned int>(outHeight));
+  buffer = nullptr;
+  return 0;
 }
 
 int ImageObject::Resize(ImageObject& target, unsigned int width, unsigned int height) const {
   const std::uint64_t wanted = RgbSize(width, height);
   const auto needed = static_cast<unsigned int>(wanted);
-  VY_FAIL_IF(wanted / 3 > kMaxPixels, -1, LOG_LEVEL_WARN, "Failed to create buffer: %u bytes\n", needed);
-  if (target.m_length >= needed && !target.IsEmpty()) {
-    target.m_length = needed;
-    target.m_width = width;
-    target.m_height = height;
-  } else {
-    unsigned char* image = AllocImage(needed);
-    VY_FAIL_IF(image == nullptr, -1, LOG_LEVEL_WARN, "Failed to create buffer: %u bytes\n", needed);
-    target.Take(image, needed, width, height);
+  VY_FAIL_IF(wanted / 3 > mediautil::kMaxPixels, -1, LOG_LEVEL_WARN, "Failed to create buffer: %u bytes\n", needed);
+  const bool isReused = &target != this && !target.IsEmpty() && target.m_length >= needed;
+  mediautil::MallocPtr<unsigned char> fresh(isReused ? nullptr : AllocImage(needed));
+  ImageObject wish;  // the wanted picture over a buffer that is not its own
+  wish.m_image = isReused ? target.m_image : fresh.get();
+  VY_FAIL_IF(wish.IsEmpty(), -1, LOG_LEVEL_WARN, "Failed to create buffer: %u bytes\n", needed);
+  wish.m_length = needed;
+  wish.m_width = width;
+  wish.m_height = height;
+  const int ret = ResizeRGBImage(wish, *this);
+  wish.m_image = nullptr;
+  if (ret != 0) {
+    return ret;
   }
-  return ResizeRGBImage(target, *this);
+  if (isReused) {
+    fresh.reset(std::exchange(target.m_image, nullptr));
+  }
+  target.Take(fresh.release(), needed, width, height);
+  return 0;
 }
 
 int ImageObject::ResizeRGBImage(ImageObject& target, const ImageObject& source) {
@@ -215,7 +231,7 @@ int ImageObject::CompressToJPEG(unsigned char*& jpeg, unsigned int& size, int qu
   jpeg = nullptr;
   size = 0;
   VY_FAIL_IF(IsEmpty(), -1, LOG_LEVEL_WARN, "ImageObject is empty.\n");
-  // A picture hardly ever grows by compression: its raw size is room enough.
+  // The raw size is the capacity: only pictures of a few hundred pixels do not fit.
   std::unique_ptr<unsigned char[]> out(new (std::nothrow) unsigned char[m_length]);
   int written = 0;
   int ret = -1;
@@ -229,7 +245,8 @@ int ImageObject::CompressToJPEG(unsigned char*& jpeg, unsigned int& size, int qu
 }
 
 bool ImageObject::HoldsRgb() const {
-  return m_image != nullptr && RgbSize(m_width, m_height) <= m_length && m_length <= INT_MAX;
+  return m_image != nullptr && m_width >= 1 && m_height >= 1 && RgbSize(m_width, m_height) <= m_length &&
+         m_length <= INT_MAX;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -240,6 +257,16 @@ namespace {
 
 mediautil::Size ThumbnailBox(bool large) {
   return large ? mediautil::Size{240, 180} : mediautil::Size{120, 90};
+}
+
+// Runs a step of the event record, whose memory may run out; an exception counts as not done.
+template <typename F>
+bool IsDone(F step) {
+  try {
+    return step();
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 // The JPEG of an event's picture; null when it cannot be made.
@@ -290,11 +317,12 @@ int MakeEvtThumbnail(const ImageObject& image, Event* event, const Camera* camer
   if (jpeg == nullptr) {
     return -1;
   }
-  if (event != nullptr) {
-    event->SetThumbnail(jpeg.get(), size);
-    event->SaveThumbnail(camera);
-  }
-  return 0;
+  const bool isSet = event == nullptr || IsDone([&] {
+                       event->SetThumbnail(jpeg.get(), size);
+                       event->SaveThumbnail(camera);
+                       return true;
+                     });
+  return isSet ? 0 : -1;
 }
 
 int MakeEvtPreviewThumbnail(const ImageObject& image, Event* event, const Camera* camera) {
@@ -303,8 +331,9 @@ int MakeEvtPreviewThumbnail(const ImageObject& image, Event* event, const Camera
   if (jpeg == nullptr) {
     return -1;
   }
-  VY_FAIL_IF(event != nullptr && event->SavePreviewThumbnail(jpeg.get(), size, camera) != 0, -1, LOG_LEVEL_WARN,
-             "Cam[%d]: Failed to save preview thumbnail at time [%lld]\n", camera == nullptr ? 0 : camera->id,
-             event->GetPreviewCreateTm());
+  const bool isSaved =
+      event == nullptr || IsDone([&] { return event->SavePreviewThumbnail(jpeg.get(), size, camera) == 0; });
+  VY_FAIL_IF(!isSaved, -1, LOG_LEVEL_WARN, "Cam[%d]: Failed to save preview thumbnail at time [%lld]\n",
+             camera == nullptr ? 0 : camera->id, event->GetPreviewCreateTm());
   return 0;
 }

@@ -49,7 +49,8 @@ Size CoverBox(Size picture, Size box) {
   const long double byWidth = static_cast<long double>(box.width) / picture.width;
   const float scale = RoundToFloat(std::max(byHeight, byWidth));
   const auto side = [scale](int pixels) {
-    return static_cast<int>(std::round(RoundToFloat(static_cast<long double>(pixels) * scale)));
+    const float rounded = std::round(RoundToFloat(static_cast<long double>(pixels) * scale));
+    return rounded < static_cast<float>(INT_MAX) ? static_cast<int>(rounded) : INT_MAX;
   };
   return {side(picture.width), side(picture.height)};
 }

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
+#include <exception>
 #include <vector>
 
 #include "platform/text.h"
@@ -56,15 +56,16 @@ void PaintRun(const Canvas& canvas, int row, int first, int last) {
   if (first > last) {
     return;
   }
-  const auto pixelSize = static_cast<std::size_t>(canvas.pixelSize);
   const auto count = static_cast<std::size_t>(last - first + 1);
   unsigned char* pixel = canvas.data + static_cast<std::ptrdiff_t>(row) * canvas.stride +
                          static_cast<std::ptrdiff_t>(first) * canvas.pixelSize;
-  std::memset(pixel, 0, count * pixelSize);
-  if (canvas.pixelSize == 4) {
-    for (std::size_t i = 0; i < count; ++i) {
-      pixel[i * 4 + 3] = 0xFF;
-    }
+  if (canvas.pixelSize == 3) {
+    std::memset(pixel, 0, count * 3);
+    return;
+  }
+  constexpr unsigned char kOpaqueBlack[4] = {0, 0, 0, 0xFF};
+  for (std::size_t i = 0; i < count; ++i) {
+    std::memcpy(pixel + i * 4, kOpaqueBlack, 4);
   }
 }
 
@@ -96,7 +97,7 @@ bool TryPaintRegions(const std::string& privacyRegion, const Canvas& canvas) {
   try {
     PaintRegions(privacyRegion, canvas);
     return true;
-  } catch (const std::invalid_argument&) {
+  } catch (const std::exception&) {
     return false;
   }
 }

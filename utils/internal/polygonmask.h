@@ -18,7 +18,7 @@ struct Canvas {
 // picture. Throws std::invalid_argument when a coordinate is not a number; part of the picture may be painted then.
 void PaintRegions(const std::string& privacyRegion, const Canvas& canvas);
 
-// The same without the exception: false when a coordinate is not a number.
+// The same without an exception: false when a coordinate is not a number, or without memory.
 bool TryPaintRegions(const std::string& privacyRegion, const Canvas& canvas);
 
 }  // namespace mediautil

@@ -5,6 +5,9 @@
 
 namespace mediautil {
 
+// The most pixels of a picture that one call decodes or makes for its caller: twice an 8K picture.
+constexpr int kMaxPixels = 1 << 26;
+
 // Bytes that a scaler may touch behind a packed picture.
 constexpr int kPictureSlack = 64;
 
