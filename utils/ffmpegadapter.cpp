@@ -66,7 +66,7 @@ AVCodecParameters* FFmpegAdapter::AudioOutCodecParameters() {
   par->codec_id = AV_CODEC_ID_PCM_MULAW;
   par->format = AV_SAMPLE_FMT_S16;
   par->sample_rate = 8000;
-  av_channel_layout_default(&par->ch_layout, 2);  // the channel carries mono: the cameras' drivers want it named so
+  av_channel_layout_default(&par->ch_layout, 2);  // two are intended
   par->bits_per_coded_sample = 8;
   return par;
 }

@@ -15,7 +15,7 @@ class VY_API FFmpegAdapter {
   // code; bG726LE chooses the little-endian G.726. The caller frees them with avcodec_parameters_free.
   static AVCodecParameters* AllocCodecParameters(ESFormat& fmt, bool bG726LE);
 
-  // New codec parameters of the camera audio-out channel: G.711 mu-law, 8000 Hz. Null without memory. The caller frees
+  // New codec parameters of the camera audio-out channel: G.711 mu-law, 8000 Hz, two channels. Null without memory. The caller frees
   // them with avcodec_parameters_free.
   static AVCodecParameters* AudioOutCodecParameters();
 

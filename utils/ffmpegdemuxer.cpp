@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 
+#include "utils/internal/ffcompat.h"
 #include "utils/internal/ffmpegptr.h"
 #include "utils/internal/log.h"
 #include "utils/mpeg4util.h"
@@ -28,22 +27,15 @@ int ClampBitRate(std::int64_t bitRate) {
 }
 
 void CopyExtra(const unsigned char* extradata, int size, ESFormat& fmt) {
-  if (extradata == nullptr || size < 1) {
-    return;
-  }
-  fmt.p_extra = static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(size)));
-  if (fmt.p_extra != nullptr) {
-    std::memcpy(fmt.p_extra, extradata, static_cast<std::size_t>(size));
-    fmt.i_extra = size;
-  }
+  fmt.p_extra = mediautil::CopyPadded(extradata, size);
+  fmt.i_extra = fmt.p_extra == nullptr ? 0 : size;
 }
 
 void DescribeAudio(const AVCodecParameters& par, ESFormat& afmt) {
   afmt.Reset(ES_AUDIO);
   afmt.i_codec_id = par.codec_id;
-  const int channels = par.ch_layout.nb_channels;
-  afmt.audio.i_channels = static_cast<std::uint8_t>(channels == 0 ? 1 : channels);
-  afmt.audio.i_rate = par.sample_rate == 0 ? kDefaultRate : static_cast<unsigned int>(par.sample_rate);
+  afmt.audio.i_channels = static_cast<std::uint8_t>(std::clamp(par.ch_layout.nb_channels, 1, UINT8_MAX));
+  afmt.audio.i_rate = par.sample_rate < 1 ? kDefaultRate : static_cast<unsigned int>(par.sample_rate);
   afmt.i_bitrate = ClampBitRate(par.bit_rate);
   if (par.codec_id == AV_CODEC_ID_AAC) {
     afmt.str_codec = "MPEG4-GENERIC";

@@ -54,5 +54,5 @@ class VY_API FFmpegDemux {
   int m_adoStreamIdx = -1;
 };
 
-// A time in the time base tb as microseconds, truncated.
+// A time in the time base tb as microseconds, truncated. A missing time (AV_NOPTS_VALUE) gives 0: test for it first.
 VY_API long long AvPacketPtsToRealPts(long long pts, AVRational& tb);
