@@ -33,8 +33,13 @@ int RestrictSink(AVFilterContext* sink, AVPixelFormat format) {
   return av_opt_set_bin(sink, "pix_fmts", list, sizeof(list), AV_OPT_SEARCH_CHILDREN);
 }
 
-int FeedOnly(AVFilterContext* source, AVFrame* frame) {
-  const int ret = av_buffersrc_add_frame_flags(source, frame, AV_BUFFERSRC_FLAG_KEEP_REF);
+int FeedOnly(AVFilterContext* source, const AVFrame* frame) {
+  const FfPtr<AVFrame> timed(av_frame_clone(frame));
+  if (timed == nullptr) {
+    return AVERROR(ENOMEM);
+  }
+  timed->pts = 0;
+  const int ret = av_buffersrc_add_frame_flags(source, timed.get(), AV_BUFFERSRC_FLAG_KEEP_REF);
   return ret < 0 ? ret : av_buffersrc_add_frame_flags(source, nullptr, AV_BUFFERSRC_FLAG_KEEP_REF);
 }
 

@@ -14,7 +14,8 @@ AVFilterContext* AddFilter(AVFilterGraph* graph, const char* filter, const char*
 // Lets a video sink deliver only this pixel format. Negative on failure.
 int RestrictSink(AVFilterContext* sink, AVPixelFormat format);
 
-// Feeds one frame, which stays the caller's, and then the end of the stream. Negative on failure.
-int FeedOnly(AVFilterContext* source, AVFrame* frame);
+// Feeds one frame, which stays the caller's, at time 0 and then the end of the stream: filters with two inputs pair
+// their frames by time. Negative on failure.
+int FeedOnly(AVFilterContext* source, const AVFrame* frame);
 
 }  // namespace mediautil
