@@ -6,11 +6,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "platform/jpeg.h"
 #include "platform/time.h"
 #include "utils/esformat.h"
+#include "utils/internal/aacconfig.h"
 #include "utils/internal/codectable.h"
 #include "utils/internal/ffcompat.h"
 #include "utils/internal/ffmpegptr.h"
@@ -25,6 +28,7 @@ extern "C" {
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
 #include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
 #include <libavutil/log.h>
 #include <libavutil/mem.h>
 #include <libswscale/swscale.h>
@@ -53,24 +57,30 @@ int VyPrintf(LOG_TYPE type, const char* categText, const char* levelText, const 
 
 namespace {
 
+constexpr const char* kUnknownText = "unknown";
+
+// A message must not fail its caller: a map that cannot be built has no texts, and the next use tries again.
 template <typename E>
-const char* TextOf(const VyEnum2StrMap<E>& texts, E value) {
-  const char* text = texts.Find(value);
-  return text == nullptr ? "unknown" : text;
+const char* TextOf(E value) {
+  try {
+    static const VyEnum2StrMap<E> texts;
+    const char* text = texts.Find(value);
+    return text == nullptr ? kUnknownText : text;
+  } catch (const std::exception&) {
+    return kUnknownText;
+  }
 }
 
 }  // namespace
 
 template <>
 const char* Enum2String<LOG_CATEG>(LOG_CATEG value) {
-  static const VyEnum2StrMap<LOG_CATEG> texts;
-  return TextOf(texts, value);
+  return TextOf(value);
 }
 
 template <>
 const char* Enum2String<LOG_LEVEL>(LOG_LEVEL value) {
-  static const VyEnum2StrMap<LOG_LEVEL> texts;
-  return TextOf(texts, value);
+  return TextOf(value);
 }
 
 std::string GetFfmpegErr(int err) {
@@ -85,22 +95,23 @@ std::string GetFfmpegErr(int err) {
 
 namespace {
 
-bool IsThisProcessListed(const DbgLogCfg& cfg) {
+// Other processes change the record at any time: the count is read once.
+bool IsThisProcessListed(const DbgLogCfg& cfg, std::int32_t pidCount) {
   int pid = __atomic_load_n(&g_DbgLogPid, __ATOMIC_RELAXED);
   if (pid == 0) {
     pid = getpid();
     __atomic_store_n(&g_DbgLogPid, pid, __ATOMIC_RELAXED);
   }
-  const std::int32_t* end = cfg.pids + std::min(cfg.pidCount, DbgLogCfg::kPidCapacity);
+  const std::int32_t* end = cfg.pids + std::min(pidCount, DbgLogCfg::kPidCapacity);
   return std::find(cfg.pids, end, pid) != end;
 }
 
 // FFmpeg explains at detail levels what the library reports as one failure.
 LOG_LEVEL FromAvLogLevel(int level) {
   if (level <= AV_LOG_ERROR) {
-    return LOG_LEVEL_NOTE;
+    return LOG_LEVEL_INFO;
   }
-  return level <= AV_LOG_WARNING ? LOG_LEVEL_INFO : LOG_LEVEL_DEBUG;
+  return level <= AV_LOG_WARNING ? LOG_LEVEL_DEBUG : LOG_LEVEL_TRACE;
 }
 
 void FfmpegLog(void* source, int avLevel, const char* format, va_list args) {
@@ -131,7 +142,8 @@ int mediautil::LogThresholdSlow(LOG_CATEG categ) {
       return kDefaultLogThreshold;
     }
   }
-  if (cfg->pidCount > 0 && !IsThisProcessListed(*cfg)) {
+  const std::int32_t pidCount = __atomic_load_n(&cfg->pidCount, __ATOMIC_RELAXED);
+  if (pidCount > 0 && !IsThisProcessListed(*cfg, pidCount)) {
     return kDefaultLogThreshold;
   }
   return cfg->categLevel[categ];
@@ -208,6 +220,7 @@ void ReleaseSession(FFmpegAttr& attr) {
   attr.pSwsCtx = nullptr;
   av_frame_free(&attr.pRawFrame);
   av_frame_free(&attr.pOutFrame);
+  attr.pCodec = nullptr;
 }
 
 bool IsSizeKnown(const AVCodecContext& ctx) {
@@ -239,6 +252,9 @@ bool ReplaceSmallBuffer(unsigned char*& buffer, int& bufferSize, int needed) {
   av_free(buffer);
   buffer = static_cast<unsigned char*>(av_malloc(static_cast<std::size_t>(needed) + mediautil::kPictureSlack));
   bufferSize = buffer == nullptr ? 0 : needed;
+  if (buffer != nullptr) {
+    std::memset(buffer + needed, 0, mediautil::kPictureSlack);
+  }
   return true;
 }
 
@@ -335,6 +351,8 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& buffer, int& bufferSize, int
   }
   if (isNew || !mediautil::LiesOver(attr.pOutFrame, buffer, bufferSize, format, width, height)) {
     mediautil::LayOver(attr.pOutFrame, buffer, format, width, height);
+    attr.pOutFrame->width = attr.pOutFrame->height = 0;  // until a picture stands there
+    attr.pOutFrame->format = AV_PIX_FMT_NONE;
   }
   if (!ScaleInto(attr, picture, out, format)) {
     if (isNew) {
@@ -465,6 +483,7 @@ int DoFFMpegGetScaledFrame(int vdoType, const unsigned char* extradata, int extr
   VY_FAIL_IF(DoFFMpegInitVideo(attr, vdoType, extradata, extradataSize) != 0, -1, LOG_LEVEL_NOTE,
              "FFmpeg init failed.\n");
   attr.pCodecCtx->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
+  attr.pCodecCtx->max_pixels = mediautil::kMaxPixels;
   const AVFrame& picture = *attr.pRawFrame;
   VY_FAIL_IF(DoFFMpegDecode(attr, data, size) != 0 && !mediautil::DrainPicture(attr.pCodecCtx, attr.pRawFrame), -1,
              LOG_LEVEL_NOTE, "FFmpeg decode failed.\n");
@@ -496,6 +515,11 @@ int DoFFMpegGetJpeg(AVFrame* frame, unsigned char** jpeg, int* jpegSize, int qua
 
 int DoFFMpegGetJpeg(int vdoType, const unsigned char* extradata, int extradataSize, const unsigned char* data, int size,
                     unsigned char** jpeg, int* jpegSize, int maxSide) {
+  if (jpeg == nullptr || jpegSize == nullptr) {
+    return -1;
+  }
+  *jpeg = nullptr;
+  *jpegSize = 0;
   AVFrame* frame = nullptr;
   VY_FAIL_IF(DoFFMpegGetScaledFrame(vdoType, extradata, extradataSize, data, size, &frame, maxSide) != 0, -1,
              LOG_LEVEL_ERR, "Fail to get scaled rgb frame\n");
@@ -509,7 +533,7 @@ unsigned int DoFFMpegGetDuration(const std::string& path) {
   AVFormatContext* opened = nullptr;
   VY_FAIL_IF(avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0, 0, LOG_LEVEL_ERR,
              "Failed to open input file[%s].\n", path.c_str());
-  const FfPtr<AVFormatContext> input(opened);
+  const mediautil::InputPtr input(opened);
   VY_FAIL_IF(avformat_find_stream_info(opened, nullptr) < 0, 0, LOG_LEVEL_ERR,
              "Failed to find stream info from event file[%s].\n", path.c_str());
   return input->duration > 0 ? static_cast<unsigned int>(USecToSec(input->duration)) : 0;
@@ -604,4 +628,55 @@ void FillAdoFmtIDByCodec(ESFormat& fmt, bool bG726LE) {
     return;
   }
   fmt.i_codec_id = codecId;
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Audio decoder session
+// ---------------------------------------------------------------------------------------------------------------------
+
+int DoFFMpegInitAudio(FFmpegAttr& attr, const ESFormat& fmt) {
+  ReleaseSession(attr);
+  LockAVCodecRegister();
+  attr.pCodec = avcodec_find_decoder(static_cast<AVCodecID>(fmt.i_codec_id));
+  VY_FAIL_IF(attr.pCodec == nullptr, -1, LOG_LEVEL_ERR, "Failed to find decoder. CodecId: [%d]\n", fmt.i_codec_id);
+  attr.pCodecCtx = avcodec_alloc_context3(attr.pCodec);
+  VY_FAIL_IF(attr.pCodecCtx == nullptr, -1, LOG_LEVEL_ERR, "Failed to alloc context.\n");
+  AVCodecContext& ctx = *attr.pCodecCtx;
+  av_channel_layout_default(&ctx.ch_layout, fmt.audio.i_channels);
+  ctx.sample_rate = static_cast<int>(fmt.audio.i_rate);
+  ctx.bit_rate = fmt.i_bitrate;
+  ctx.bits_per_coded_sample = mediautil::BitsPerCodedSample(fmt.i_codec, fmt.i_bitrate);
+  ctx.extradata = mediautil::CopyPadded(fmt.p_extra, fmt.i_extra);
+  ctx.extradata_size = ctx.extradata == nullptr ? 0 : fmt.i_extra;
+
+  const int ret = LockAVCodecOpen(attr.pCodecCtx, attr.pCodec, nullptr);
+  VY_FAIL_IF(ret != 0, -1, LOG_LEVEL_ERR, "Failed to open codec [%s] with Ret [%d] and err [%s].\n",
+             mediautil::CodeText(fmt.i_codec).c_str(), ret, GetFfmpegErr(ret).c_str());
+  attr.pRawFrame = av_frame_alloc();
+  VY_FAIL_IF(attr.pRawFrame == nullptr, -1, LOG_LEVEL_ERR, "Failed to alloc frame.\n");
+  return 0;
+}
+
+int DoFFMpegDecodeAudio(FFmpegAttr& attr, unsigned char* data, int size) {
+  VY_FAIL_IF(attr.pCodecCtx == nullptr || attr.pRawFrame == nullptr || data == nullptr, -1, LOG_LEVEL_WARN,
+             "Error params.\n");
+  return size >= 1 && mediautil::DecodeSound(attr.pCodecCtx, attr.pRawFrame, data, size) ? 0 : -1;
+}
+
+int FillAACRemuxInfo(AVStream* stream, const ESFormat& fmt) {
+  VY_FAIL_IF(stream == nullptr || fmt.i_codec_id != AV_CODEC_ID_AAC, -1, LOG_LEVEL_ERR, "Invalid params, codec[%d].\n",
+             fmt.i_codec_id);
+  const int rateIndex = mediautil::AacRateIndex(fmt.audio.i_rate);
+  VY_FAIL_IF(rateIndex < 0, -1, LOG_LEVEL_ERR, "Unsupported sample rate %d\n", static_cast<int>(fmt.audio.i_rate));
+  int channels = fmt.audio.i_channels;
+  if (mediautil::AacChannelConfig(channels) == 0) {
+    VY_LOG(LOG_LEVEL_ERR, "Unsupported channels %d.\n", channels);
+    VY_LOG(LOG_LEVEL_ERR, "Unsupported aac channels, patch to 1.\n");
+    channels = 1;
+  }
+  const auto rate = static_cast<int>(fmt.audio.i_rate);
+  VY_FAIL_IF(!mediautil::FillAacParameters(*stream->codecpar, rate, channels, fmt.i_bitrate), -1, LOG_LEVEL_ERR,
+             "Failed to malloc extradata\n");
+  stream->time_base = {1, rate};
+  return 0;
 }

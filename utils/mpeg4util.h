@@ -16,6 +16,7 @@ struct AVCodecContext;
 struct AVDictionary;
 struct AVFormatContext;
 struct AVFrame;
+struct AVStream;
 struct SwsContext;
 struct ESFormat;
 
@@ -81,7 +82,7 @@ VY_API int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
 // True when the picture was decoded although a reference picture of it was never seen.
 VY_API bool IsDecodeFrameMissRef(const AVFrame* frame);
 
-// Converts the picture decoded last into buffer, rows packed. width and height: pixels; when neither is above 0 the
+// Converts the picture decoded last into buffer; its rows lie as pOutFrame says, packed in a new buffer. width and height: pixels; when neither is above 0 the
 // picture's own, when one is not it follows from the other; both are written back. A buffer that is null or smaller
 // than needed is replaced (av_malloc, av_free) and bufferSize updated; the caller releases it with av_free.
 // Returns 0 always: without a picture, or for an impossible format or size, the buffer keeps its contents.
@@ -145,3 +146,19 @@ VY_API int DoFFMpegOverlayTwoImage(AVFrame* base, AVFrame* top, AVFrame** output
 // Sets i_codec_id from the audio codec code i_codec; bG726LE chooses the little-endian G.726. Code 0 changes nothing,
 // an unknown one is logged and changes nothing either.
 VY_API void FillAdoFmtIDByCodec(ESFormat& fmt, bool bG726LE);
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Audio decoder session
+// ---------------------------------------------------------------------------------------------------------------------
+
+// Opens a decoder for fmt.i_codec_id from rate, channels, bit rate and p_extra, which is copied; p_extra is real codec
+// configuration data here. A session that was open is replaced. 0, or -1; call DoFFMpegFree in both cases.
+VY_API int DoFFMpegInitAudio(FFmpegAttr& attr, const ESFormat& fmt);
+
+// Decodes one buffer. 0 when samples came out into pRawFrame, else -1; the session stays usable after -1. Of a buffer
+// with several coded frames the first one comes out, the others are decoded and dropped. The buffer is only read.
+VY_API int DoFFMpegDecodeAudio(FFmpegAttr& attr, unsigned char* data, int size);
+
+// Describes an AAC stream that is copied into a container: parameters and configuration data, derived from rate and
+// channel count; a count that AAC cannot name counts as 1. 0, or -1 for no AAC, or for a rate that AAC does not have.
+VY_API int FillAACRemuxInfo(AVStream* stream, const ESFormat& fmt);

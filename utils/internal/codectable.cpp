@@ -23,6 +23,19 @@ AVCodecID VideoCodecId(int vdoType) {
   }
 }
 
+AVCodecID VideoCodecIdByName(const std::string& name) {
+  if (name == "H264" || name == "AVC1") {
+    return AV_CODEC_ID_H264;
+  }
+  if (name == "H265") {
+    return AV_CODEC_ID_HEVC;
+  }
+  if (name == "MP4V-ES") {
+    return AV_CODEC_ID_MPEG4;
+  }
+  return name == "JPEG" ? AV_CODEC_ID_MJPEG : AV_CODEC_ID_NONE;
+}
+
 AVCodecID AudioCodecId(std::uint32_t code, bool g726LittleEndian) {
   switch (code) {
     case EsFourCC("mp4a"):
@@ -68,6 +81,14 @@ int BitsPerCodedSample(std::uint32_t code, int bitRate) {
     default:
       return 0;
   }
+}
+
+std::string CodeText(std::uint32_t code) {
+  std::string text;
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    text += static_cast<char>(code >> shift & 0xFFU);
+  }
+  return text;
 }
 
 }  // namespace mediautil

@@ -9,26 +9,35 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavfilter/avfilter.h>
 #include <libavformat/avformat.h>
 #include <libavutil/frame.h>
+#include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
 
 namespace mediautil {
 
 struct FfDeleter {
+  void operator()(AVBSFContext* p) const { av_bsf_free(&p); }
   void operator()(AVCodecContext* p) const { LockAVCodecFreeContext(p); }
   void operator()(AVCodecParameters* p) const { avcodec_parameters_free(&p); }
   void operator()(AVFilterGraph* p) const { avfilter_graph_free(&p); }
-  void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
   void operator()(AVFrame* p) const { av_frame_free(&p); }
   void operator()(AVPacket* p) const { av_packet_free(&p); }
+  void operator()(SwrContext* p) const { swr_free(&p); }
   void operator()(SwsContext* p) const { sws_freeContext(p); }
 };
 
 template <typename T>
 using FfPtr = std::unique_ptr<T, FfDeleter>;
+
+// An opened input; outputs end with LockAVFormatFreeContext.
+struct InputCloser {
+  void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
+};
+using InputPtr = std::unique_ptr<AVFormatContext, InputCloser>;
 
 // Memory from malloc.
 struct FreeDeleter {
