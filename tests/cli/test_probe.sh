@@ -25,8 +25,6 @@ equal "$(json 'd["audio"]["bit_rate"]')" \
 
 must probe --json sound.mp4
 equal "$(json '(d["video"], d["audio"]["codec"], d["duration"])')" "(None, 'aac', 6)"
-must probe --json video.mp4
-equal "$(json '(d["audio"], d["video"]["codec"])')" "(None, 'h264')"
 
 # Any name is data, never a URL, an option or a break in the output.
 for name in 'cam1:noon.mp4' '-v.mp4' $'quote"\xff\n.mp4'; do
@@ -39,16 +37,14 @@ done
 head -c 3000 /dev/zero >zero.mp4
 head -c 700 both.mp4 >cut.mp4
 seq 2000 | md5sum >garbage.mp4
-: >empty.mp4
-mkdir directory
-for name in zero.mp4 cut.mp4 garbage.mp4 empty.mp4; do
+for name in zero.mp4 cut.mp4 garbage.mp4; do
   must_fail 3 probe "$name"
   says "mediautil: $name: cannot open the recording: not media, or damaged; check that it was copied whole"
 done
+must_fail 3 probe .
+says "mediautil: .: cannot read the recording: it is a directory; name a file in it"
 must_fail 3 probe missing.mp4
 says "mediautil: missing.mp4: cannot read the recording: No such file or directory; check the path"
-must_fail 3 probe directory
-says "mediautil: directory: cannot read the recording: it is a directory; name a file in it"
 printf '1\n00:00:01,000 --> 00:00:02,000\ntext\n' >words.srt
 must_fail 3 probe words.srt
 says "words.srt: cannot find a stream: neither video nor sound"

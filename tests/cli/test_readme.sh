@@ -22,7 +22,8 @@ int main(int, char** argv) {
 CPP
 # A library with a sanitizer in it needs the program to have it too.
 flags=()
-if nm -D "$lib/libmediautil.so" | grep -q __asan; then flags=("-fsanitize=address,undefined"); fi
+nm -D "$lib/libmediautil.so" >symbols
+if grep -q __asan symbols; then flags=("-fsanitize=address,undefined"); fi
 g++ -std=c++17 -Wall -Wextra -Werror "${flags[@]}" -I"$top" example.cpp -o example -L"$lib" -Wl,-rpath,"$lib" \
   -lmediautil -lmediautil_platform 2>err.txt || die 'the example does not build'
 

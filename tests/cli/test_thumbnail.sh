@@ -13,8 +13,6 @@ equal "$(size a.jpg)" mjpeg,320,180
 equal "$(colour a.jpg)" blue
 must thumbnail tall.mp4 -o a.jpg
 equal "$(size a.jpg)" mjpeg,120,90
-must thumbnail tall.mp4 -o - --preview
-equal "$(size out.txt)" mjpeg,240,180
 
 must thumbnail wide.mp4 -o a.jpg --privacy 00000000500000005000500000005000
 equal "$(colour a.jpg 30 15) $(colour a.jpg 120 70)" "black red"

@@ -15,7 +15,7 @@
 #include "platform/log.h"
 #include "tests/support/tempdir.h"
 
-class PlatformTest : public testing::Test {
+class PlatformTest : public testing::Test, protected TempDir {
  protected:
   PlatformTest() {
     setenv("MEDIAUTIL_STATE_DIR", StateDir().c_str(), 1);
@@ -28,13 +28,8 @@ class PlatformTest : public testing::Test {
     g_pDbgLogCfg = nullptr;
   }
 
-  const std::string& Dir() const { return m_dir.Path(); }
-  std::string StateDir() const { return Dir() + "/state"; }
-  std::string LogFile() const { return Dir() + "/test.log"; }
-  std::string Record() const { return StateDir() + "/dbglog.cfg"; }
-
- private:
-  TempDir m_dir;
+  std::string StateDir() const { return Path("state"); }
+  std::string LogFile() const { return Path("test.log"); }
 };
 
 inline std::string ReadFile(const std::string& path) {

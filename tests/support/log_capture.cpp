@@ -16,9 +16,7 @@ std::vector<LogLine> Select(bool fromFfmpeg) {
   const std::lock_guard<std::mutex> guard(g_mutex);
   std::vector<LogLine> selected;
   for (const LogLine& line : g_lines) {
-    if ((line.function == "FfmpegLog") == fromFfmpeg) {
-      selected.push_back(line);
-    }
+    if ((line.function == "FfmpegLog") == fromFfmpeg) selected.push_back(line);
   }
   return selected;
 }
@@ -27,9 +25,7 @@ std::vector<LogLine> Select(bool fromFfmpeg) {
 
 void ReinitDbgLogCfg() {
   const std::lock_guard<std::mutex> guard(g_mutex);
-  if (g_capture != nullptr) {
-    ++g_capture->reinitCalls;
-  }
+  if (g_capture != nullptr) ++g_capture->reinitCalls;
 }
 
 int VyVPrintf(LOG_TYPE, const char* categText, const char* levelText, const char* sourcePath, int line,
@@ -80,9 +76,7 @@ std::vector<LogLine> LogCapture::FfmpegLines() const {
 
 std::vector<std::string> LogCapture::Messages() const {
   std::vector<std::string> messages;
-  for (const LogLine& line : Lines()) {
-    messages.push_back(line.level + "|" + line.text);
-  }
+  for (const LogLine& line : Lines()) messages.push_back(line.level + "|" + line.text);
   return messages;
 }
 

@@ -9,6 +9,7 @@
 
 #include "utils/esformat.h"
 #include "utils/ffmpegdemuxer.h"
+#include "utils/internal/ffcompat.h"
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -25,9 +26,7 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 namespace {
 
 void Check(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("media factory: ") + step);
-  }
+  if (!ok) throw std::runtime_error(std::string("media factory: ") + step);
 }
 
 FfPtr<AVFrame> NewFrame(AVPixelFormat format, int width, int height, int alignment = 0) {
@@ -39,14 +38,21 @@ FfPtr<AVFrame> NewFrame(AVPixelFormat format, int width, int height, int alignme
   return frame;
 }
 
-FfPtr<AVFrame> ToRgb(const AVFrame* frame) {
-  FfPtr<AVFrame> rgb = NewFrame(AV_PIX_FMT_RGB24, frame->width, frame->height);
+FfPtr<AVFrame> Converted(const AVFrame* frame, AVPixelFormat format) {
+  FfPtr<AVFrame> converted = NewFrame(format, frame->width, frame->height);
   const FfPtr<SwsContext> sws(sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-                                             frame->width, frame->height, AV_PIX_FMT_RGB24, SWS_BICUBIC, nullptr,
-                                             nullptr, nullptr));
+                                             frame->width, frame->height, format, SWS_BICUBIC, nullptr, nullptr,
+                                             nullptr));
   Check(sws != nullptr, "scaler");
-  sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, rgb->data, rgb->linesize);
-  return rgb;
+  sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data, converted->linesize);
+  return converted;
+}
+
+FfPtr<AVPacket> NewPacket(const Bytes& data) {
+  FfPtr<AVPacket> packet(av_packet_alloc());
+  Check(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
+  std::memcpy(packet->data, data.data(), data.size());
+  return packet;
 }
 
 void Encode(AVCodecContext* ctx, const AVFrame* frame, Clip& clip) {
@@ -75,22 +81,13 @@ FfPtr<AVCodecContext> OpenEncoder(const ClipWish& wish) {
     ctx->flags |= AV_CODEC_FLAG_QSCALE;
     ctx->global_quality = 3 * FF_QP2LAMBDA;
   }
-  if (wish.globalHeader) {
-    ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  }
+  if (wish.globalHeader) ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   const std::string params = wish.params;
   const std::string separator = params.empty() ? "" : ":";
-  if (codec->id == AV_CODEC_ID_H264) {
-    av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);
-    av_opt_set(ctx->priv_data, "x264-params", (params + separator + "scenecut=0").c_str(), 0);
-  } else if (codec->id == AV_CODEC_ID_HEVC) {
-    av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);
-    av_opt_set(
-        ctx->priv_data, "x265-params",
-        (params + separator + "log-level=none:pools=none:frame-threads=1:bframes=" + std::to_string(wish.bFrames))
-            .c_str(),
-        0);
-  }
+  av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);  // of H.264 and HEVC alone
+  av_opt_set(ctx->priv_data, "x264-params", (params + separator + "scenecut=0").c_str(), 0);
+  const std::string serial = "log-level=none:pools=none:frame-threads=1:bframes=" + std::to_string(wish.bFrames);
+  av_opt_set(ctx->priv_data, "x265-params", (params + separator + serial).c_str(), 0);
   Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
   return ctx;
 }
@@ -103,12 +100,8 @@ AVStream* AddVideo(AVFormatContext* oc, const Clip& clip) {
   st->codecpar->height = clip.height;
   st->time_base = {1, clip.framesPerSecond};
   st->avg_frame_rate = {clip.framesPerSecond, 1};
-  if (!clip.extradata.empty()) {
-    st->codecpar->extradata =
-        static_cast<std::uint8_t*>(av_mallocz(clip.extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-    std::memcpy(st->codecpar->extradata, clip.extradata.data(), clip.extradata.size());
-    st->codecpar->extradata_size = static_cast<int>(clip.extradata.size());
-  }
+  st->codecpar->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
+  st->codecpar->extradata_size = static_cast<int>(clip.extradata.size());
   return st;
 }
 
@@ -125,9 +118,7 @@ AVStream* AddSilence(AVFormatContext* oc, int rate) {
 
 void WritePacket(AVFormatContext* oc, const AVStream* st, const Bytes& data, std::int64_t pts, std::int64_t dts,
                  std::int64_t duration, AVRational timeBase, bool key) {
-  const FfPtr<AVPacket> packet(av_packet_alloc());
-  Check(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
-  std::memcpy(packet->data, data.data(), data.size());
+  const FfPtr<AVPacket> packet = NewPacket(data);
   packet->stream_index = st->index;
   packet->flags = key ? AV_PKT_FLAG_KEY : 0;
   packet->pts = av_rescale_q(pts, timeBase, st->time_base);
@@ -160,25 +151,16 @@ FfPtr<AVFrame> TestPicture(AVPixelFormat format, int width, int height, int n) {
       pixel[2] = static_cast<std::uint8_t>(inSquare ? 40 : blue);
     }
   }
-  if (format == AV_PIX_FMT_RGB24) {
-    return rgb;
-  }
-  FfPtr<AVFrame> frame = NewFrame(format, width, height);
-  const FfPtr<SwsContext> sws(
-      sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, format, SWS_BICUBIC, nullptr, nullptr, nullptr));
-  Check(sws != nullptr, "scaler");
-  sws_scale(sws.get(), rgb->data, rgb->linesize, 0, height, frame->data, frame->linesize);
-  return frame;
+  return format == AV_PIX_FMT_RGB24 ? std::move(rgb) : Converted(rgb.get(), format);
 }
 
 FfPtr<AVFrame> SolidRgb(int width, int height, std::uint8_t r, std::uint8_t g, std::uint8_t b, int alignment) {
   FfPtr<AVFrame> frame = NewFrame(AV_PIX_FMT_RGB24, width, height, alignment);
+  const std::uint8_t colour[] = {r, g, b};
   for (int y = 0; y < height; ++y) {
     std::uint8_t* pixel = frame->data[0] + static_cast<std::ptrdiff_t>(y) * frame->linesize[0];
     for (int x = 0; x < width; ++x, pixel += 3) {
-      pixel[0] = r;
-      pixel[1] = g;
-      pixel[2] = b;
+      std::copy_n(colour, 3, pixel);
     }
   }
   return frame;
@@ -190,9 +172,7 @@ Clip EncodeClip(const ClipWish& wish) {
   clip.codecId = ctx->codec_id;
   clip.width = wish.width;
   clip.height = wish.height;
-  if (ctx->extradata_size > 0) {
-    clip.extradata.assign(ctx->extradata, ctx->extradata + ctx->extradata_size);
-  }
+  if (ctx->extradata_size > 0) clip.extradata.assign(ctx->extradata, ctx->extradata + ctx->extradata_size);
   for (int n = 0; n < wish.frames; ++n) {
     const FfPtr<AVFrame> picture = TestPicture(ctx->pix_fmt, wish.width, wish.height, n);
     picture->pts = n;
@@ -205,28 +185,29 @@ Clip EncodeClip(const ClipWish& wish) {
 
 Bytes MxpegKeyFrame(int width, int height) {
   const Bytes jpeg = EncodeClip({"mjpeg", width, height, 1}).frames.at(0).data;
-  const int blocksWide = (width + 15) / 16;
-  const int blocksHigh = (height + 15) / 16;
-  const auto maskSize = static_cast<std::size_t>(blocksWide * blocksHigh + 7) / 8;
-  const auto length = 14 + maskSize;
+  const auto wide = static_cast<std::size_t>(width + 15) / 16;
+  const auto high = static_cast<std::size_t>(height + 15) / 16;
+  const std::size_t maskSize = (wide * high + 7) / 8;
+  const auto byte = [](std::size_t value) { return static_cast<std::uint8_t>(value & 0xFF); };
+  const std::size_t length = 14 + maskSize;
   Bytes comment = {0xFF,
                    0xFE,
-                   static_cast<std::uint8_t>(length >> 8),
-                   static_cast<std::uint8_t>(length),
+                   byte(length >> 8),
+                   byte(length),
                    'M',
                    'X',
                    'M',
                    0,
-                   static_cast<std::uint8_t>(blocksWide),
-                   static_cast<std::uint8_t>(blocksWide >> 8),
-                   static_cast<std::uint8_t>(blocksHigh),
-                   static_cast<std::uint8_t>(blocksHigh >> 8),
+                   byte(wide),
+                   byte(wide >> 8),
+                   byte(high),
+                   byte(high >> 8),
                    0,
                    0,
                    0,
                    0};
   comment.insert(comment.end(), maskSize, 0xFF);
-  Bytes frame(jpeg.begin(), jpeg.begin() + 2);
+  Bytes frame = {0xFF, 0xD8};
   frame.insert(frame.end(), comment.begin(), comment.end());
   frame.insert(frame.end(), jpeg.begin() + 2, jpeg.end());
   return frame;
@@ -279,18 +260,10 @@ Clip AsInMp4(const Clip& clip, const std::string& path) {
 FfPtr<AVFrame> ReferencePicture(const Clip& clip, std::size_t frames) {
   const AVCodec* codec = avcodec_find_decoder(clip.codecId);
   const FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
-  if (!clip.extradata.empty()) {
-    ctx->extradata = static_cast<std::uint8_t*>(av_mallocz(clip.extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-    std::memcpy(ctx->extradata, clip.extradata.data(), clip.extradata.size());
-    ctx->extradata_size = static_cast<int>(clip.extradata.size());
-  }
+  ctx->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
+  ctx->extradata_size = static_cast<int>(clip.extradata.size());
   Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open decoder");
-  for (std::size_t i = 0; i < frames; ++i) {
-    const FfPtr<AVPacket> packet(av_packet_alloc());
-    Check(av_new_packet(packet.get(), static_cast<int>(clip.frames.at(i).data.size())) >= 0, "packet");
-    std::memcpy(packet->data, clip.frames[i].data.data(), clip.frames[i].data.size());
-    avcodec_send_packet(ctx.get(), packet.get());
-  }
+  for (std::size_t i = 0; i < frames; ++i) avcodec_send_packet(ctx.get(), NewPacket(clip.frames.at(i).data).get());
   avcodec_send_packet(ctx.get(), nullptr);
   FfPtr<AVFrame> frame(av_frame_alloc());
   Check(avcodec_receive_frame(ctx.get(), frame.get()) >= 0, "decode");
@@ -298,18 +271,14 @@ FfPtr<AVFrame> ReferencePicture(const Clip& clip, std::size_t frames) {
 }
 
 double MeanDifference(const AVFrame* a, const AVFrame* b) {
-  if (a == nullptr || b == nullptr || a->width != b->width || a->height != b->height) {
-    return 255;
-  }
-  const FfPtr<AVFrame> left = ToRgb(a);
-  const FfPtr<AVFrame> right = ToRgb(b);
+  if (a == nullptr || b == nullptr || a->width != b->width || a->height != b->height) return 255;
+  const FfPtr<AVFrame> left = Converted(a, AV_PIX_FMT_RGB24);
+  const FfPtr<AVFrame> right = Converted(b, AV_PIX_FMT_RGB24);
   double sum = 0;
   for (int y = 0; y < left->height; ++y) {
     const std::uint8_t* p = left->data[0] + static_cast<std::ptrdiff_t>(y) * left->linesize[0];
     const std::uint8_t* q = right->data[0] + static_cast<std::ptrdiff_t>(y) * right->linesize[0];
-    for (int x = 0; x < left->width * 3; ++x) {
-      sum += std::abs(p[x] - q[x]);
-    }
+    for (int x = 0; x < left->width * 3; ++x) sum += std::abs(p[x] - q[x]);
   }
   return sum / (3.0 * left->width * left->height);
 }

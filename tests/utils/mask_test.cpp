@@ -65,53 +65,37 @@ TEST(Mask, SquareCoversColumns0To50OfRows0To49) {
     expected += (y < 50 ? std::string(51, '#') + std::string(49, '.') : std::string(100, '.')) + "\n";
   }
   EXPECT_EQ(Draw(mask.get()), expected);
+  // Points outside the picture are clipped, not rejected; coordinates are truncated toward zero.
+  EXPECT_EQ(Draw(Mask("-999-9995000-99950005000-9995000", 100, 100).get()), expected);
+  EXPECT_EQ(Draw(Mask("-001-0015000-00150005000-0015000", 100, 100).get()), expected);
 }
 
 TEST(Mask, Shapes) {
-  struct {
-    const char* regions;
-    const char* drawing;
-  } const cases[] = {
-      {"", "..........\n..........\n..........\n..........\n"},
-      {";;", "..........\n..........\n..........\n..........\n"},
-      {"0000000", "..........\n..........\n..........\n..........\n"},           // no whole point
-      {"00000000", "..........\n..........\n..........\n..........\n"},          // a point has no edge to cross
-      {"0000000099990000", "..........\n..........\n..........\n..........\n"},  // nor has a level line
+  const std::string blank = "..........";
+  const std::string full = "##########";
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {"", {blank, blank, blank, blank}},
+      {";;0000000", {blank, blank, blank, blank}},         // no whole point
+      {"0000000099990000", {blank, blank, blank, blank}},  // a level line has no edge to cross
       // The far corner lies at row 3: an edge counts down to the row above it.
-      {"00000000999900009999999900009999", "##########\n##########\n##########\n..........\n"},
-      {"0000000050000000500050000000500", "######....\n...###....\n..........\n..........\n"},  // odd tail ignored
-      {"0000000030000000300050000000500099", "####......\n####......\n..........\n..........\n"},
+      {"00000000999900009999999900009999", {full, full, full, blank}},
+      {"0000000050000000500050000000500", {"######....", "...###....", blank, blank}},  // odd tail ignored
       // Two regions; the second leaves the first as it is where they meet.
-      {"00000000300000003000500000005000;70000000800000008000500070005000",
-       "####...##.\n####...##.\n..........\n..........\n"},
+      {"00000000300000003000500000005000;70000000800000008000500070005000", {"####...##.", "####...##.", blank, blank}},
       // A bow: the crossing halves are both filled, the space between is not.
-      {"00000000900000000000750090007500", "##########\n...####...\n...####...\n..........\n"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(Draw(Mask(c.regions, 10, 4).get()), c.drawing) << c.regions;
+      {"00000000900000000000750090007500", {full, "...####...", "...####...", blank}}};
+  for (const auto& [regions, rows] : cases) {
+    std::string drawing;
+    for (const std::string& row : rows) drawing += row + "\n";
+    EXPECT_EQ(Draw(Mask(regions, 10, 4).get()), drawing) << regions;
   }
-}
-
-// Points outside the picture are clipped, not rejected; coordinates are truncated toward zero.
-TEST(Mask, PointsOutside) {
-  const std::string inside = Draw(Mask("00000000500000005000500000005000", 100, 100).get());
-  EXPECT_EQ(Draw(Mask("-999-9995000-99950005000-9995000", 100, 100).get()), inside);
-  EXPECT_EQ(Draw(Mask("-001-0015000-00150005000-0015000", 100, 100).get()), inside);
-}
-
-// One region that overlaps itself: even-odd leaves the doubly enclosed part free.
-TEST(Mask, EvenOddWithinOneRegion) {
+  // One region that overlaps itself: even-odd leaves the doubly enclosed part free.
   const FfPtr<AVFrame> ring =
       Mask("00000000900000009000900000009000000000003000300030006000600060006000300030003000", 10, 10);
-  EXPECT_EQ(WordAt(ring.get(), 1, 1), 0xFF000000U);
-  EXPECT_EQ(WordAt(ring.get(), 4, 5), 0U);
-  EXPECT_EQ(WordAt(ring.get(), 8, 5), 0xFF000000U);
-}
-
-TEST(Mask, LargePictures) {
-  const FfPtr<AVFrame> mask = Mask("00000000999900009999999900009999", 8000, 5000);
-  EXPECT_EQ(WordAt(mask.get(), 7998, 4998), 0xFF000000U);
-  EXPECT_EQ(WordAt(mask.get(), 10, 4999), 0U);
+  EXPECT_EQ(Draw(ring.get()).substr(55, 10), "####..####");
+  const FfPtr<AVFrame> large = Mask("00000000999900009999999900009999", 8000, 5000);
+  EXPECT_EQ(WordAt(large.get(), 7998, 4998), 0xFF000000U);
+  EXPECT_EQ(WordAt(large.get(), 10, 4999), 0U);
 }
 
 TEST(Mask, Failures) {
@@ -161,43 +145,23 @@ TEST(Overlay, Refusals) {
   const FfPtr<AVFrame> hollow(av_frame_alloc());
   hollow->width = hollow->height = 16;
   hollow->format = AV_PIX_FMT_RGBA;
-  struct {
-    AVFrame* base;
-    AVFrame* top;
-    AVPixelFormat format;
-    Messages messages;
-  } const cases[] = {
-      {nullptr, small.get(), AV_PIX_FMT_RGB24, {"1|DoFFMpegOverlayTwoImage, nullptr params.\n"}},
-      {small.get(), nullptr, AV_PIX_FMT_RGB24, {"1|DoFFMpegOverlayTwoImage, nullptr params.\n"}},
-      {small.get(),
-       large.get(),
-       AV_PIX_FMT_RGB24,
-       {"1|DoFFMpegOverlayTwoImage, frame1 and frame2 width or height is not same.\n"}},
-      {small.get(),
-       rgb.get(),
-       AV_PIX_FMT_RGB24,
-       {"1|DoFFMpegOverlayTwoImage, frame1 or frame2 format is not AV_PIX_FMT_RGBA, (26, 2).\n"}},
-      {small.get(),
-       small.get(),
-       AV_PIX_FMT_RGBA,
-       {"1|DoFFmpegConvertFrameFormat, TargetFormat 26 is same as pInputFrame->format\n",
-        "1|DoFFMpegOverlayTwoImage, DoFFmpegConvertFrameFormat failed\n"}},
-      {hollow.get(),
-       small.get(),
-       AV_PIX_FMT_RGB24,
-       {"1|DoFFMpegOverlayTwoImage, av_buffersrc_add_frame_flags pBufferSrcCtx1 failed\n"}},
-      {small.get(),
-       hollow.get(),
-       AV_PIX_FMT_RGB24,
-       {"1|DoFFMpegOverlayTwoImage, av_buffersrc_add_frame_flags pBufferSrcCtx2 failed\n"}},
-  };
-  for (const auto& c : cases) {
+  const std::string prefix = "1|DoFFMpegOverlayTwoImage, ";
+  const std::tuple<AVFrame*, AVFrame*, const char*> cases[] = {
+      {nullptr, small.get(), "nullptr params.\n"},
+      {small.get(), nullptr, "nullptr params.\n"},
+      {small.get(), large.get(), "frame1 and frame2 width or height is not same.\n"},
+      {small.get(), rgb.get(), "frame1 or frame2 format is not AV_PIX_FMT_RGBA, (26, 2).\n"},
+      {hollow.get(), small.get(), "av_buffersrc_add_frame_flags pBufferSrcCtx1 failed\n"},
+      {small.get(), hollow.get(), "av_buffersrc_add_frame_flags pBufferSrcCtx2 failed\n"}};
+  AVFrame* result = nullptr;
+  for (const auto& [base, top, message] : cases) {
     LogCapture log;
-    AVFrame* result = nullptr;
-    EXPECT_EQ(DoFFMpegOverlayTwoImage(c.base, c.top, &result, c.format), -1);
+    EXPECT_EQ(DoFFMpegOverlayTwoImage(base, top, &result, AV_PIX_FMT_RGB24), -1);
     EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(log.Messages(), c.messages);
+    EXPECT_EQ(log.Messages(), Messages{prefix + message});
   }
   LogCapture log;
-  EXPECT_EQ(DoFFMpegOverlayTwoImage(small.get(), small.get(), nullptr, AV_PIX_FMT_RGB24), -1);
+  EXPECT_EQ(DoFFMpegOverlayTwoImage(small.get(), small.get(), &result, AV_PIX_FMT_RGBA), -1);
+  EXPECT_EQ(log.Messages(), (Messages{"1|DoFFmpegConvertFrameFormat, TargetFormat 26 is same as pInputFrame->format\n",
+                                      prefix + "DoFFmpegConvertFrameFormat failed\n"}));
 }

@@ -26,51 +26,50 @@ struct Format : ESFormat {
   }
 };
 
+Bytes WithPadding(const std::uint8_t* data, std::size_t size) {
+  return Bytes(data, data + size + AV_INPUT_BUFFER_PADDING_SIZE);
+}
+
+Bytes Padded(Bytes data) {
+  data.resize(data.size() + AV_INPUT_BUFFER_PADDING_SIZE);
+  return data;
+}
+
 }  // namespace
 
 TEST(EsFormat, ResetEmptiesEverything) {
   Format fmt;
   fmt.SetExtra({1, 2, 3});
   fmt.i_codec = EsFourCC("h264");
+  EXPECT_EQ(fmt.i_codec, 0x68323634U);
   fmt.audio.i_caller[3] = fmt.video.i_caller[0] = 9;
   fmt.str_codec = "H264";
   fmt.Reset(ES_AUDIO);
   EXPECT_EQ(fmt.i_cat, 2);
-  EXPECT_EQ(fmt.i_codec, 0U);
   EXPECT_EQ(fmt.i_codec_id, -1);
-  EXPECT_EQ(fmt.audio.i_caller[3] + fmt.video.i_caller[0], 0U);
-  EXPECT_EQ(fmt.p_extra, nullptr);
-  EXPECT_EQ(fmt.i_extra, 0);
-  EXPECT_TRUE(fmt.str_codec.empty());
-  EXPECT_EQ(EsFourCC("h264"), 0x68323634U);
+  EXPECT_EQ(fmt.i_codec + fmt.audio.i_caller[3] + fmt.video.i_caller[0], 0U);
+  EXPECT_TRUE(fmt.p_extra == nullptr && fmt.i_extra == 0 && fmt.str_codec.empty());
 }
 
 TEST(AudioCodecId, Table) {
-  const struct {
-    const char (&code)[5];
-    bool littleEndian;
-    int id;
-  } cases[] = {{"mp4a", false, AV_CODEC_ID_AAC},        {"alaw", false, AV_CODEC_ID_PCM_ALAW},
-               {"ulaw", false, AV_CODEC_ID_PCM_MULAW},  {"g726", true, AV_CODEC_ID_ADPCM_G726LE},
-               {"g726", false, AV_CODEC_ID_ADPCM_G726}, {"s16b", false, AV_CODEC_ID_PCM_S16BE},
-               {"twos", true, AV_CODEC_ID_PCM_S16BE},   {"samr", false, AV_CODEC_ID_AMR_NB},
-               {"sawb", false, AV_CODEC_ID_AMR_WB}};
+  const std::tuple<std::uint32_t, bool, int> cases[] = {{EsFourCC("mp4a"), false, AV_CODEC_ID_AAC},
+                                                        {EsFourCC("alaw"), false, AV_CODEC_ID_PCM_ALAW},
+                                                        {EsFourCC("ulaw"), false, AV_CODEC_ID_PCM_MULAW},
+                                                        {EsFourCC("g726"), true, AV_CODEC_ID_ADPCM_G726LE},
+                                                        {EsFourCC("g726"), false, AV_CODEC_ID_ADPCM_G726},
+                                                        {EsFourCC("s16b"), false, AV_CODEC_ID_PCM_S16BE},
+                                                        {EsFourCC("twos"), true, AV_CODEC_ID_PCM_S16BE},
+                                                        {EsFourCC("samr"), false, AV_CODEC_ID_AMR_NB},
+                                                        {EsFourCC("sawb"), false, AV_CODEC_ID_AMR_WB},
+                                                        {0, false, -1},
+                                                        {0xFFFFFFFE, false, -1}};
   LogCapture log;
-  for (const auto& c : cases) {
+  for (const auto& [code, littleEndian, id] : cases) {
     Format fmt;
-    fmt.i_codec = EsFourCC(c.code);
-    FillAdoFmtIDByCodec(fmt, c.littleEndian);
-    EXPECT_EQ(fmt.i_codec_id, c.id) << c.code;
+    fmt.i_codec = code;
+    FillAdoFmtIDByCodec(fmt, littleEndian);
+    EXPECT_EQ(fmt.i_codec_id, id) << code;
   }
-  Format none;
-  FillAdoFmtIDByCodec(none, false);
-  EXPECT_EQ(none.i_codec_id, -1);
-  EXPECT_TRUE(log.Lines().empty());
-  Format unknown;
-  unknown.i_codec = 0xFFFFFFFE;
-  unknown.i_codec_id = 5;
-  FillAdoFmtIDByCodec(unknown, false);
-  EXPECT_EQ(unknown.i_codec_id, 5);
   EXPECT_EQ(log.Messages(), Messages{"3|UnSupport EsFmt.i_codec [-2]\n"});
   EXPECT_EQ(log.Lines()[0].path, "utils/mpeg4util");
 }
@@ -88,63 +87,47 @@ TEST(Adapter, VideoParameters) {
   fmt.SetExtra({9, 8, 7});
   const FfPtr<AVCodecParameters> par(FFmpegAdapter::AllocCodecParameters(fmt, false));
   ASSERT_NE(par, nullptr);
-  EXPECT_EQ(par->codec_type, AVMEDIA_TYPE_VIDEO);
-  EXPECT_EQ(par->codec_id, AV_CODEC_ID_H264);
-  EXPECT_EQ(par->width, 1280);
-  EXPECT_EQ(par->height, 720);
-  EXPECT_EQ(par->sample_aspect_ratio.num * 10 + par->sample_aspect_ratio.den, 43);
+  EXPECT_EQ(std::tuple(par->codec_type, par->codec_id, par->width, par->height),
+            std::tuple(AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_H264, 1280, 720));
+  EXPECT_EQ(std::pair(par->sample_aspect_ratio.num, par->sample_aspect_ratio.den), std::pair(4, 3));
   EXPECT_EQ(par->bit_rate, 4294967295LL);  // widened without its sign
-  ASSERT_EQ(par->extradata_size, 3);
-  EXPECT_EQ(Bytes(par->extradata, par->extradata + 3), (Bytes{9, 8, 7}));
-  EXPECT_EQ(Bytes(par->extradata + 3, par->extradata + 3 + AV_INPUT_BUFFER_PADDING_SIZE),
-            Bytes(AV_INPUT_BUFFER_PADDING_SIZE, 0));
+  EXPECT_EQ(par->extradata_size, 3);
+  EXPECT_EQ(WithPadding(par->extradata, 3), Padded({9, 8, 7}));
   EXPECT_EQ(log.Messages(), Messages{"3|UnSupport EsFmt.i_codec [1748121140]\n"});
-}
 
-TEST(Adapter, AudioParameters) {
-  const struct {
-    const char (&code)[5];
-    int bitRate;
-    int bits;
-  } cases[] = {{"g726", 16000, 2}, {"g726", 24000, 3}, {"g726", 32000, 4}, {"g726", 40000, 5}, {"g726", 0, 8},
-               {"alaw", 64000, 8}, {"ulaw", 64000, 8}, {"s16b", 0, 16},    {"twos", 0, 0},     {"mp4a", 64000, 0}};
-  for (const auto& c : cases) {
-    Format fmt(ES_AUDIO);
-    fmt.i_codec = EsFourCC(c.code);
-    fmt.audio.i_rate = 8000;
-    fmt.audio.i_channels = 2;
-    fmt.i_bitrate = c.bitRate;
-    fmt.p_extra = static_cast<unsigned char*>(std::malloc(4));  // with a length of 0: not used
-    const FfPtr<AVCodecParameters> par(FFmpegAdapter::AllocCodecParameters(fmt, true));
-    ASSERT_NE(par, nullptr);
-    EXPECT_EQ(par->codec_type, AVMEDIA_TYPE_AUDIO);
-    EXPECT_EQ(par->codec_id, fmt.i_codec_id);
-    EXPECT_EQ(par->bits_per_coded_sample, c.bits) << c.code << c.bitRate;
-    EXPECT_EQ(par->sample_rate, 8000);
-    EXPECT_EQ(par->bit_rate, c.bitRate);
-    EXPECT_EQ(par->ch_layout.nb_channels, 2);
-    EXPECT_EQ(par->ch_layout.u.mask, static_cast<std::uint64_t>(AV_CH_LAYOUT_STEREO));
-    EXPECT_EQ(par->extradata, nullptr);
-    EXPECT_EQ(par->extradata_size, 0);
-  }
-}
-
-TEST(Adapter, UnknownCategory) {
-  LogCapture log;
-  Format fmt;
+  log.Clear();
+  fmt.i_cat = ES_UNKNOWN;
+  fmt.i_codec = 0;
   EXPECT_EQ(FFmpegAdapter::AllocCodecParameters(fmt, false), nullptr);
   EXPECT_EQ(log.Messages(), Messages{"1|Unknown codec type 0\n\n"});
   EXPECT_EQ(log.Lines()[0].path, "utils/ffmpegadapter");
 }
 
-TEST(Adapter, AudioOutParameters) {
-  const FfPtr<AVCodecParameters> par(FFmpegAdapter::AudioOutCodecParameters());
-  EXPECT_EQ(par->codec_type, AVMEDIA_TYPE_AUDIO);
-  EXPECT_EQ(par->codec_id, AV_CODEC_ID_PCM_MULAW);
-  EXPECT_EQ(par->format, AV_SAMPLE_FMT_S16);
-  EXPECT_EQ(par->sample_rate, 8000);
-  EXPECT_EQ(par->ch_layout.nb_channels, 2);
-  EXPECT_EQ(par->bits_per_coded_sample, 8);
+TEST(Adapter, AudioParameters) {
+  const std::tuple<std::uint32_t, int, int> cases[] = {{EsFourCC("g726"), 16000, 2}, {EsFourCC("g726"), 24000, 3},
+                                                       {EsFourCC("g726"), 32000, 4}, {EsFourCC("g726"), 40000, 5},
+                                                       {EsFourCC("g726"), 0, 8},     {EsFourCC("alaw"), 64000, 8},
+                                                       {EsFourCC("ulaw"), 64000, 8}, {EsFourCC("s16b"), 0, 16},
+                                                       {EsFourCC("twos"), 0, 0},     {EsFourCC("mp4a"), 64000, 0}};
+  for (const auto& [code, bitRate, bits] : cases) {
+    Format fmt(ES_AUDIO);
+    fmt.i_codec = code;
+    fmt.audio.i_rate = 8000;
+    fmt.audio.i_channels = 2;
+    fmt.i_bitrate = bitRate;
+    fmt.p_extra = static_cast<unsigned char*>(std::malloc(4));  // with a length of 0: not used
+    const FfPtr<AVCodecParameters> par(FFmpegAdapter::AllocCodecParameters(fmt, true));
+    ASSERT_NE(par, nullptr);
+    EXPECT_EQ(std::tuple(par->codec_type, par->codec_id, par->sample_rate, par->bit_rate),
+              std::tuple(AVMEDIA_TYPE_AUDIO, fmt.i_codec_id, 8000, bitRate));
+    EXPECT_EQ(par->bits_per_coded_sample, bits) << code << ' ' << bitRate;
+    EXPECT_EQ(par->ch_layout.u.mask, static_cast<std::uint64_t>(AV_CH_LAYOUT_STEREO));
+    EXPECT_TRUE(par->extradata == nullptr && par->extradata_size == 0);
+  }
+  const FfPtr<AVCodecParameters> out(FFmpegAdapter::AudioOutCodecParameters());
+  EXPECT_EQ(std::tuple(out->codec_type, out->codec_id, out->format, out->sample_rate, out->ch_layout.nb_channels),
+            std::tuple(AVMEDIA_TYPE_AUDIO, AV_CODEC_ID_PCM_MULAW, AV_SAMPLE_FMT_S16, 8000, 2));
+  EXPECT_EQ(out->bits_per_coded_sample, 8);
 }
 
 TEST(Adapter, PacketsOwnAPaddedCopy) {
@@ -153,13 +136,9 @@ TEST(Adapter, PacketsOwnAPaddedCopy) {
   ASSERT_NE(packet, nullptr);
   EXPECT_EQ(packet->size, 5);
   EXPECT_NE(packet->buf, nullptr);
-  EXPECT_EQ(Bytes(packet->data, packet->data + 5), data);
-  EXPECT_EQ(Bytes(packet->data + 5, packet->data + 5 + AV_INPUT_BUFFER_PADDING_SIZE),
-            Bytes(AV_INPUT_BUFFER_PADDING_SIZE, 0));
+  EXPECT_EQ(WithPadding(packet->data, 5), Padded(data));
   const FfPtr<AVPacket> empty(FFmpegAdapter::AllocPktCpBuf(nullptr, 0));
   ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(empty->size, 0);
-
   LogCapture log;
   EXPECT_EQ(FFmpegAdapter::AllocPktCpBuf(nullptr, 5), nullptr);
   EXPECT_EQ(FFmpegAdapter::AllocPktCpBuf(data.data(), UINT_MAX), nullptr);
@@ -203,22 +182,15 @@ class DemuxTest : public ::testing::Test {
 TEST_F(DemuxTest, DescribesBothStreams) {
   WriteFile(EncodeClip({"libx264", 320, 240, 50, 0, true, 25}), dir.Path("clip.mov"), 8000);
   ASSERT_EQ(demux.Open(dir.Path("clip.mov"), video, audio), 0);
-  EXPECT_EQ(video.i_cat, ES_VIDEO);
-  EXPECT_EQ(video.i_codec, EsFourCC("h264"));
-  EXPECT_EQ(video.i_codec_id, AV_CODEC_ID_H264);
-  EXPECT_EQ(video.str_codec, "H264");
-  EXPECT_EQ(video.video.i_width, 320U);
-  EXPECT_EQ(video.video.i_height, 240U);
+  EXPECT_EQ(std::tuple(video.i_cat, video.i_codec, video.i_codec_id, video.str_codec),
+            std::tuple(ES_VIDEO, EsFourCC("h264"), AV_CODEC_ID_H264, "H264"));
+  EXPECT_EQ(std::pair(video.video.i_width, video.video.i_height), std::pair(320U, 240U));
   EXPECT_GT(video.i_bitrate, 0);
   ASSERT_GT(video.i_extra, 8);
   EXPECT_EQ(video.p_extra[0], 1);  // avcC
-  EXPECT_EQ(audio.i_cat, ES_AUDIO);
-  EXPECT_EQ(audio.i_codec, 0U);
-  EXPECT_EQ(audio.i_codec_id, AV_CODEC_ID_PCM_MULAW);
-  EXPECT_EQ(audio.audio.i_rate, 8000U);
-  EXPECT_EQ(audio.audio.i_channels, 1);
-  EXPECT_EQ(audio.i_bitrate, 64000);
-  EXPECT_EQ(audio.i_extra, 0);
+  EXPECT_EQ(std::tuple(audio.i_cat, audio.i_codec, audio.i_codec_id, audio.i_bitrate, audio.i_extra),
+            std::tuple(ES_AUDIO, 0U, AV_CODEC_ID_PCM_MULAW, 64000, 0));
+  EXPECT_EQ(std::pair(audio.audio.i_rate, +audio.audio.i_channels), std::pair(8000U, 1));
   Seen all;
   EXPECT_EQ(Run(all), 0);
   EXPECT_EQ(all.video, 50);
@@ -246,70 +218,40 @@ TEST_F(DemuxTest, SeeksToTheKeyFrameAtOrBefore) {
 }
 
 TEST_F(DemuxTest, OpensOneFileAfterAnother) {
+  Seen seen;
+  EXPECT_EQ(Run(seen), 0);  // nothing opened yet
+  EXPECT_EQ(demux.GetVdoStream(), nullptr);
+  demux.Seek(1, 0);
   WriteFile(EncodeClip({"libx265", 64, 48, 2, 0, true}), dir.Path("a.mp4"), 0);
   WriteFile(EncodeClip({"mjpeg", 32, 24, 3}), dir.Path("b.avi"), 16000);
   ASSERT_EQ(demux.Open(dir.Path("a.mp4"), video, audio), 0);
   EXPECT_EQ(video.i_codec_id, AV_CODEC_ID_HEVC);
-  EXPECT_TRUE(video.str_codec.empty());
-  EXPECT_EQ(video.i_codec, 0U);
+  EXPECT_TRUE(video.str_codec.empty() && video.i_codec == 0);
   ASSERT_EQ(demux.Open(dir.Path("b.avi"), video, audio), 0);
-  EXPECT_EQ(video.i_codec_id, AV_CODEC_ID_MJPEG);
-  EXPECT_EQ(video.video.i_width, 32U);
-  EXPECT_EQ(audio.audio.i_rate, 16000U);
-  EXPECT_NE(demux.GetVdoStream(), nullptr);
+  EXPECT_EQ(std::tuple(video.i_codec_id, video.video.i_width, audio.audio.i_rate),
+            std::tuple(AV_CODEC_ID_MJPEG, 32U, 16000U));
+  EXPECT_EQ(demux.Demux(video, audio, nullptr, nullptr), 0);
 }
 
 TEST_F(DemuxTest, OpenFailures) {
   LogCapture log;
-  SaveBytes(dir.Path("empty.mp4"), "", 0);
-  EXPECT_EQ(demux.Open(dir.Path("absent.mp4"), video, audio), 2);
-  EXPECT_EQ(demux.Open(dir.Path("empty.mp4"), video, audio), 2);
+  const std::string absent = dir.Path("absent.mp4");
+  const std::string empty = dir.Path("empty.mp4");
+  SaveBytes(empty, "", 0);
+  EXPECT_EQ(demux.Open(absent, video, audio), 2);
+  EXPECT_EQ(demux.Open(empty, video, audio), 2);
+  EXPECT_FALSE(demux.InitVideoFormat(video));
   EXPECT_EQ(log.Messages(),
-            (Messages{"1|Could not open source file " + dir.Path("absent.mp4") + ". Ret:-2\n",
-                      "1|Could not open source file " + dir.Path("empty.mp4") + ". Ret:-1094995529\n"}));
+            (Messages{"1|Could not open source file " + absent + ". Ret:-2\n",
+                      "1|Could not open source file " + empty + ". Ret:-1094995529\n", "1|Failed to get codec.\n"}));
   EXPECT_EQ(log.Lines()[0].path, "utils/ffmpegdemuxer");
-
-  // A stream whose decoder does not exist.
-  Clip clip = EncodeClip({"mjpeg", 32, 24, 2});
-  clip.codecId = AV_CODEC_ID_YUV4;
-  WriteFile(clip, dir.Path("odd.mov"));
-  log.Clear();
-  const int ret = demux.Open(dir.Path("odd.mov"), video, audio);
-  EXPECT_EQ(ret, 0);
-  EXPECT_EQ(demux.InitVideoFormat(video), ret == 0);
-  FFmpegDemux unopened;
-  log.Clear();
-  EXPECT_FALSE(unopened.InitVideoFormat(video));
-  EXPECT_EQ(log.Messages(), Messages{"1|Failed to get codec.\n"});
-}
-
-TEST_F(DemuxTest, NothingOpened) {
-  Seen seen;
-  EXPECT_EQ(Run(seen), 0);
-  EXPECT_EQ(demux.GetVdoStream(), nullptr);
-  demux.Seek(1, 0);
-  const FfPtr<AVPacket> packet(av_packet_alloc());
-  AVStream* st = nullptr;
-  EXPECT_LT(demux.ReadFrame(st, *packet), 0);
-  EXPECT_EQ(demux.Demux(video, audio, nullptr, nullptr), 0);
 }
 
 TEST(PacketTime, Microseconds) {
-  const struct {
-    long long pts;
-    AVRational timeBase;
-    long long expected;
-  } cases[] = {{90000, {1, 90000}, 1000000},
-               {-90000, {1, 90000}, -1000000},
-               {1, {1, 3}, 333333},
-               {-1, {1, 3}, -333333},
-               {30, {1001, 30000}, 1001000},
-               {5, {1, 0}, 0},
-               {0, {1, 1000}, 0}};
-  for (const auto& c : cases) {
-    AVRational timeBase = c.timeBase;
-    EXPECT_EQ(AvPacketPtsToRealPts(c.pts, timeBase), c.expected);
-  }
+  const std::tuple<long long, AVRational, long long> cases[] = {
+      {90000, {1, 90000}, 1000000}, {-90000, {1, 90000}, -1000000}, {1, {1, 3}, 333333},
+      {-1, {1, 3}, -333333},        {30, {1001, 30000}, 1001000},   {5, {1, 0}, 0}};
+  for (auto [pts, timeBase, expected] : cases) EXPECT_EQ(AvPacketPtsToRealPts(pts, timeBase), expected);
   AVRational timeBase = {1, 1000};
   EXPECT_NO_FATAL_FAILURE(AvPacketPtsToRealPts(AV_NOPTS_VALUE, timeBase));
 }

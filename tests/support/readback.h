@@ -1,0 +1,33 @@
+// What a container that was just made really holds, as FFmpeg reads and decodes it.
+#pragma once
+
+#include <vector>
+
+#include "tests/support/sound.h"
+
+struct Track {
+  AVCodecID codecId = AV_CODEC_ID_NONE;
+  std::string tag;  // the stream's name in the container, "hvc1"
+  int width = 0;
+  int height = 0;
+  int rate = 0;
+  int channels = 0;
+  Bytes extradata;
+  std::vector<Bytes> packets;
+  std::vector<std::int64_t> times;  // decoding times of the packets, microseconds
+  std::vector<bool> keys;
+  std::vector<mediautil::FfPtr<AVFrame>> pictures;
+  Samples sound;
+  int errors = 0;  // packets that the decoder refused
+
+  bool TimesRise() const;
+};
+
+// Reads and decodes all streams; none when the bytes cannot be opened.
+std::vector<Track> ReadBack(const Bytes& container);
+
+// The pictures of a clip's frames without any container around them.
+std::vector<mediautil::FfPtr<AVFrame>> DecodeFrames(const Clip& clip);
+
+// The decoding times of the fragments of one track of an MP4 and where the last one ends, in ticks of the track.
+std::vector<std::int64_t> FragmentTimes(const Bytes& mp4, unsigned int track);

@@ -1,0 +1,157 @@
+#include "tests/support/sound.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+
+#include "utils/internal/aacconfig.h"
+#include "utils/internal/ffcompat.h"
+#include "utils/internal/resampler.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+using mediautil::FfPtr;
+
+namespace {
+
+void Check(bool ok, const char* step) {
+  if (!ok) {
+    throw std::runtime_error(std::string("sound factory: ") + step);
+  }
+}
+
+FfPtr<AVCodecContext> OpenEncoder(const SoundWish& wish) {
+  const AVCodec* codec = avcodec_find_encoder_by_name(wish.encoder);
+  Check(codec != nullptr, wish.encoder);
+  FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
+  ctx->sample_rate = wish.rate;
+  av_channel_layout_default(&ctx->ch_layout, wish.channels);
+  ctx->sample_fmt = mediautil::ChooseSampleFormat(codec, AV_SAMPLE_FMT_FLTP);
+  ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  if (wish.bitRate > 0) {
+    ctx->bit_rate = wish.bitRate;
+    ctx->bits_per_coded_sample = wish.bitRate / wish.rate;
+  }
+  Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
+  return ctx;
+}
+
+// The mono tone as a frame in the encoder's format.
+FfPtr<AVFrame> EncoderFrame(const AVCodecContext& ctx, const Samples& tone, std::size_t from, int count) {
+  FfPtr<AVFrame> mono(av_frame_alloc());
+  mono->format = AV_SAMPLE_FMT_FLTP;
+  mono->sample_rate = ctx.sample_rate;
+  mono->nb_samples = count;
+  av_channel_layout_copy(&mono->ch_layout, &ctx.ch_layout);
+  Check(av_frame_get_buffer(mono.get(), 0) >= 0, "sound buffer");
+  for (int channel = 0; channel < ctx.ch_layout.nb_channels; ++channel) {
+    std::memcpy(mono->extended_data[channel], tone.data() + from, static_cast<std::size_t>(count) * sizeof(float));
+  }
+  FfPtr<AVFrame> frame(av_frame_alloc());
+  frame->format = ctx.sample_fmt;
+  frame->sample_rate = ctx.sample_rate;
+  frame->nb_samples = count;
+  av_channel_layout_copy(&frame->ch_layout, &ctx.ch_layout);
+  Check(av_frame_get_buffer(frame.get(), 0) >= 0, "sound buffer");
+  mediautil::Resampler resampler;
+  Check(resampler.SetUp(mediautil::ShapeOf(*mono), mediautil::ShapeOf(*frame)), "resampler");
+  Check(resampler.Convert(frame->extended_data, count, *mono) == count, "convert");
+  return frame;
+}
+
+}  // namespace
+
+Samples Tone(int rate, double seconds, double frequency, double amplitude) {
+  Samples tone(static_cast<std::size_t>(rate * seconds));
+  for (std::size_t i = 0; i < tone.size(); ++i) {
+    tone[i] = static_cast<float>(amplitude * std::sin(2 * M_PI * frequency * static_cast<double>(i) / rate));
+  }
+  return tone;
+}
+
+double LevelAt(const Samples& sound, int rate, double frequency) {
+  const std::size_t begin = sound.size() / 4;
+  const std::size_t count = sound.size() / 2;
+  double re = 0;
+  double im = 0;
+  double weight = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const double window = 0.5 - 0.5 * std::cos(2 * M_PI * static_cast<double>(i) / static_cast<double>(count));
+    const double phase = 2 * M_PI * frequency * static_cast<double>(i) / rate;
+    re += static_cast<double>(sound[begin + i]) * window * std::cos(phase);
+    im += static_cast<double>(sound[begin + i]) * window * std::sin(phase);
+    weight += window;
+  }
+  return weight > 0 ? 2 * std::hypot(re, im) / weight : 0;
+}
+
+SoundClip EncodeTone(const SoundWish& wish) {
+  const FfPtr<AVCodecContext> ctx = OpenEncoder(wish);
+  SoundClip clip;
+  clip.codecId = ctx->codec_id;
+  clip.rate = wish.rate;
+  clip.channels = wish.channels;
+  if (ctx->extradata_size > 0) {
+    clip.extradata.assign(ctx->extradata, ctx->extradata + ctx->extradata_size);
+  }
+  const Samples tone = Tone(wish.rate, wish.seconds, wish.frequency);
+  const int step = ctx->frame_size > 0 ? ctx->frame_size : wish.rate / 50;
+  const FfPtr<AVPacket> packet(av_packet_alloc());
+  const auto keep = [&clip](const AVPacket* coded) {
+    clip.packets.emplace_back(coded->data, coded->data + coded->size);
+    return true;
+  };
+  bool gotPacket = false;
+  for (std::size_t at = 0; at < tone.size(); at += static_cast<std::size_t>(step)) {
+    const int count = std::min(step, static_cast<int>(tone.size() - at));
+    const FfPtr<AVFrame> frame = EncoderFrame(*ctx, tone, at, count);
+    Check(mediautil::EncodeFrame(ctx.get(), frame.get(), packet.get(), gotPacket, keep) >= 0, "encode");
+  }
+  mediautil::EncodeFrame(ctx.get(), nullptr, packet.get(), gotPacket, keep);
+  return clip;
+}
+
+Bytes WithAdts(const Bytes& raw, int rate, int channels) {
+  const auto size = static_cast<unsigned int>(raw.size()) + 7;
+  const auto index = static_cast<unsigned int>(mediautil::AacRateIndex(static_cast<std::uint32_t>(rate)));
+  const auto config = static_cast<unsigned int>(mediautil::AacChannelConfig(channels));
+  const unsigned int header[] = {0xFF,
+                                 0xF1,
+                                 1U << 6 | index << 2 | config >> 2,
+                                 (config & 3) << 6 | size >> 11,
+                                 size >> 3 & 0xFF,
+                                 (size & 7) << 5 | 0x1F,
+                                 0xFC};
+  Bytes adts;
+  for (const unsigned int byte : header) {
+    adts.push_back(static_cast<std::uint8_t>(byte));
+  }
+  adts.insert(adts.end(), raw.begin(), raw.end());
+  return adts;
+}
+
+Bytes Joined(const std::vector<Bytes>& pieces) {
+  Bytes joined;
+  for (const Bytes& piece : pieces) {
+    joined.insert(joined.end(), piece.begin(), piece.end());
+  }
+  return joined;
+}
+
+void AppendSamples(const AVFrame* frame, Samples& sound) {
+  mediautil::SoundShape shape = mediautil::ShapeOf(*frame);
+  shape.format = AV_SAMPLE_FMT_FLTP;
+  mediautil::Resampler resampler;
+  Check(resampler.SetUp(mediautil::ShapeOf(*frame), shape), "resampler");
+  std::vector<Samples> channels(static_cast<std::size_t>(frame->ch_layout.nb_channels),
+                                Samples(static_cast<std::size_t>(frame->nb_samples)));
+  std::vector<unsigned char*> planes;
+  for (Samples& channel : channels) {
+    planes.push_back(reinterpret_cast<unsigned char*>(channel.data()));
+  }
+  Check(resampler.Convert(planes.data(), frame->nb_samples, *frame) == frame->nb_samples, "convert");
+  sound.insert(sound.end(), channels.front().begin(), channels.front().end());
+}

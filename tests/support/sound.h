@@ -1,0 +1,43 @@
+// Sound made by the tests: tones, coded by FFmpeg's encoders, and their level.
+#pragma once
+
+#include <vector>
+
+#include "tests/support/media.h"
+
+// Samples of one channel, full scale 1.
+using Samples = std::vector<float>;
+
+Samples Tone(int rate, double seconds, double frequency = 1000, double amplitude = 0.5);
+
+// Amplitude of one frequency in the middle half of the sound.
+double LevelAt(const Samples& sound, int rate, double frequency);
+
+struct SoundWish {
+  const char* encoder;  // "pcm_mulaw", "g726le", "aac", "libmp3lame", ...
+  int rate = 8000;
+  int channels = 1;
+  double seconds = 2;
+  double frequency = 1000;
+  int bitRate = 0;
+};
+
+struct SoundClip {
+  AVCodecID codecId = AV_CODEC_ID_NONE;
+  int rate = 0;
+  int channels = 0;
+  Bytes extradata;
+  std::vector<Bytes> packets;  // one encoder frame each; 20 ms for encoders without frames
+};
+
+// Encodes a tone of amplitude 0.5, the same on every channel.
+SoundClip EncodeTone(const SoundWish& wish);
+
+// A raw AAC (LC) packet with its ADTS header.
+Bytes WithAdts(const Bytes& raw, int rate, int channels);
+
+// The pieces as one.
+Bytes Joined(const std::vector<Bytes>& pieces);
+
+// First channel of a decoded frame, appended to sound.
+void AppendSamples(const AVFrame* frame, Samples& sound);
