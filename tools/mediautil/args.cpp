@@ -103,6 +103,10 @@ void SetQuiet(bool quiet) {
   g_quiet = quiet;
 }
 
+bool IsQuiet() {
+  return g_quiet;
+}
+
 std::string LowerCase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -146,10 +150,10 @@ std::string InputPath(const std::string& path) {
   return !path.empty() && path[0] == '/' ? path : "./" + path;
 }
 
-int CheckOutput(const std::string& output, const std::string& input) {
+int CheckOutput(const std::string& output, const std::string& input, const std::string& what) {
   if (output == "-") {
     return isatty(STDOUT_FILENO) != 0
-               ? Fail(kUsage, "stdout: a terminal shows no picture; name a file with -o or redirect the output")
+               ? Fail(kUsage, "stdout: a terminal shows no " + what + "; name a file with -o or redirect the output")
                : kDone;
   }
   struct stat out = {};
@@ -158,11 +162,11 @@ int CheckOutput(const std::string& output, const std::string& input) {
   }
   struct stat in = {};
   if (stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
-    return Fail(kUsage, output + ": the picture would replace the recording; name another file with -o");
+    return Fail(kUsage, output + ": the " + what + " would replace the recording; name another file with -o");
   }
   if (!S_ISREG(out.st_mode)) {
-    return Fail(kFailed, output + ": cannot write the picture: not a regular file; name another file with -o, " +
-                             "or use -o - and redirect the output");
+    return Fail(kFailed, output + ": cannot write the " + what +
+                             ": not a regular file; name another file with -o, or use -o - and redirect the output");
   }
   return kDone;
 }
@@ -216,5 +220,5 @@ int CheckPictureArgs(const PictureArgs& args) {
                              "\" is no region text; write 8 digits a corner, XXXXYYYY in 1/10000 of the picture, " +
                              "3 corners or more a region, ; between regions");
   }
-  return CheckOutput(args.output, args.input);
+  return CheckOutput(args.output, args.input, "picture");
 }

@@ -17,6 +17,7 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kBadInput = 3;
+constexpr int kInterrupted = 130;
 
 // What a command line asks for; returns the exit code.
 using Action = std::function<int()>;
@@ -25,6 +26,7 @@ using Action = std::function<int()>;
 void AddProbe(CLI::App& app, Action& action);
 void AddSnapshot(CLI::App& app, Action& action);
 void AddThumbnail(CLI::App& app, Action& action);
+void AddExport(CLI::App& app, Action& action);
 void AddLogLevel(CLI::App& app, Action& action);
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -37,6 +39,7 @@ int Fail(int code, const std::string& text);
 // Prints a remark, unless the program was asked to be quiet.
 void Note(const std::string& text);
 void SetQuiet(bool quiet);
+bool IsQuiet();
 
 // The candidate that word was most likely meant to be, letter case ignored; empty when none is near.
 std::string NearestName(const std::string& word, const std::vector<std::string>& candidates);
@@ -56,8 +59,9 @@ int CheckInput(const std::string& path);
 // The path as the library shall open it: always a file, although a name such as "cam1:noon.mp4" looks like a URL.
 std::string InputPath(const std::string& path);
 
-// Tests before the work whether output may be written: not a terminal, not the input itself, not a device.
-int CheckOutput(const std::string& output, const std::string& input);
+// Tests before the work whether output, such as a "picture", may be written: not to a terminal, not over the input
+// itself, not to a device.
+int CheckOutput(const std::string& output, const std::string& input, const std::string& what);
 
 // Writes to the file as a whole or, for "-", to stdout. kDone or kFailed.
 int WriteOutput(const std::string& output, const void* data, unsigned int size);

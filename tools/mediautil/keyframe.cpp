@@ -7,36 +7,14 @@
 #include <memory>
 
 #include "tools/mediautil/args.h"
-#include "utils/ffmpegdemuxer.h"
+#include "tools/mediautil/recording.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
 #include <libavformat/avformat.h>
-#include <libavutil/common.h>
-#include <libavutil/mathematics.h>
 }
 
 namespace {
-
-constexpr double kMicro = 1e6;
-constexpr AVRational kMicroseconds = {1, AV_TIME_BASE};
-// Far beyond any recording, and small enough for every product of times below.
-constexpr double kLongestSeconds = 1e9;
-
-// An open recording with the records of its streams.
-struct Recording {
-  FFmpegDemux demux;
-  ESFormat video;
-  ESFormat audio;
-
-  Recording() = default;
-  ~Recording() {
-    video.Reset(ES_UNKNOWN);
-    audio.Reset(ES_UNKNOWN);
-  }
-  Recording(const Recording&) = delete;
-  Recording& operator=(const Recording&) = delete;
-};
 
 // Walks over the packets and keeps the best key frame so far. Times are microseconds from the start of the stream;
 // AV_NOPTS_VALUE stands for none.
@@ -53,22 +31,17 @@ struct Search {
   }
 
  private:
-  static std::int64_t Time(std::int64_t ts, const AVStream& st) {
-    const std::int64_t start = st.start_time == AV_NOPTS_VALUE ? 0 : st.start_time;
-    return ts == AV_NOPTS_VALUE ? ts : av_rescale_q(av_sat_sub64(ts, start), st.time_base, kMicroseconds);
-  }
-
   bool Fits(std::int64_t keyTime) const { return keyTime != AV_NOPTS_VALUE && keyTime <= wanted; }
 
   FETCH_CONN Look(const AVPacket& pkt, const AVStream& st) {
     // Frames are shown in another order than they are stored, but never before their decoding time: what is read after
     // a packet whose decoding time is past cannot be at or before the wanted time.
-    const std::int64_t decodeTime = Time(pkt.dts != AV_NOPTS_VALUE ? pkt.dts : pkt.pts, st);
+    const std::int64_t decodeTime = StreamTime(pkt.dts != AV_NOPTS_VALUE ? pkt.dts : pkt.pts, st);
     const bool past = decodeTime != AV_NOPTS_VALUE && decodeTime > wanted;
     if (past && (found || !takeFirst)) {
       return FETCH_CONN_STOP;
     }
-    const std::int64_t keyTime = Time(pkt.pts != AV_NOPTS_VALUE ? pkt.pts : pkt.dts, st);
+    const std::int64_t keyTime = StreamTime(pkt.pts != AV_NOPTS_VALUE ? pkt.pts : pkt.dts, st);
     const bool key = (unmarked || (pkt.flags & AV_PKT_FLAG_KEY) != 0) && pkt.size > 0;
     if (key && (Fits(keyTime) || (takeFirst && !found))) {
       found = true;
@@ -97,8 +70,8 @@ int VideoType(int codecId) {
 }
 
 int Open(const std::string& path, Recording& recording) {
-  if (recording.demux.Open(InputPath(path), recording.video, recording.audio) != 0) {
-    return Fail(kBadInput, path + ": cannot open the recording: not media, or damaged; check that it was copied whole");
+  if (const int code = OpenRecording(path, recording); code != kDone) {
+    return code;
   }
   if (recording.demux.GetVdoStream() == nullptr) {
     return Fail(kFailed, path + ": cannot find a key frame: no video stream; mediautil probe shows what it holds");
@@ -109,12 +82,6 @@ int Open(const std::string& path, Recording& recording) {
                              " video: only MJPEG, MPEG-4, H.264, HEVC and MxPEG are; convert the recording first");
   }
   return kDone;
-}
-
-// The whole second of the stream's own time line that a time falls in, as Seek takes it.
-long long SeekTarget(const AVStream& st, double at) {
-  const double start = st.start_time == AV_NOPTS_VALUE ? 0 : static_cast<double>(st.start_time) * av_q2d(st.time_base);
-  return static_cast<long long>(std::clamp(std::floor(start + at), 0.0, 4 * kLongestSeconds));
 }
 
 }  // namespace
@@ -131,8 +98,7 @@ int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFr
   // A seek may fail unseen or land anywhere. What it leads to only counts when it is early enough; otherwise the
   // recording is read from its start.
   if (at && *at >= 1) {
-    recording->demux.Seek(SeekTarget(*recording->demux.GetVdoStream(), std::min(*at, kLongestSeconds)),
-                          AVSEEK_FLAG_BACKWARD);
+    SeekBefore(*recording, *at);
     recording->demux.Demux(recording->video, recording->audio, &search, Search::Fetch);
     if (!search.found) {
       recording = std::make_unique<Recording>();

@@ -80,6 +80,7 @@ int Run(int argc, char** argv) {
   AddProbe(app, action);
   AddSnapshot(app, action);
   AddThumbnail(app, action);
+  AddExport(app, action);
   AddLogLevel(app, action);
   AddLogOptions(app, log);
   for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {

@@ -1,0 +1,125 @@
+#include "tools/mediautil/outputfile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "tools/mediautil/args.h"
+
+namespace {
+
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+volatile std::sig_atomic_t g_seen = 0;
+struct sigaction g_before[sizeof(kSignals) / sizeof(kSignals[0])];
+
+std::string DirectoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+  struct sigaction noted = {};
+  noted.sa_handler = [](int) { g_seen = 1; };
+  noted.sa_flags = 0;  // no restart: a write that waits for its reader ends
+  for (std::size_t i = 0; i < std::size(kSignals); ++i) {
+    sigaction(kSignals[i], nullptr, &g_before[i]);
+    if (g_before[i].sa_handler != SIG_IGN) {
+      sigaction(kSignals[i], &noted, nullptr);
+    }
+  }
+}
+
+StopSignals::~StopSignals() {
+  for (std::size_t i = 0; i < std::size(kSignals); ++i) {
+    sigaction(kSignals[i], &g_before[i], nullptr);
+  }
+}
+
+bool StopSignals::Seen() {
+  return g_seen != 0;
+}
+
+OutputFile::~OutputFile() {
+  if (!m_temporary.empty()) {
+    close(m_fd);
+    unlink(m_temporary.c_str());
+  }
+}
+
+int OutputFile::Open() {
+  if (m_output == "-") {
+    m_fd = STDOUT_FILENO;
+    return kDone;
+  }
+  struct stat old = {};
+  const bool keepsMode = stat(m_output.c_str(), &old) == 0;
+  const std::string temporary = DirectoryOf(m_output) + "/.export-" + std::to_string(getpid());
+  unlink(temporary.c_str());  // of a process that was killed and had the same number
+  m_fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (m_fd < 0) {
+    m_error = errno;
+    return FailWrite();
+  }
+  m_temporary = temporary;
+  if (keepsMode && fchmod(m_fd, old.st_mode & 0777) != 0) {
+    m_error = errno;
+    return FailWrite();
+  }
+  return kDone;
+}
+
+int OutputFile::Write(void* self, unsigned char* data, int size) {
+  return static_cast<OutputFile*>(self)->Append(data, size) ? size : -1;
+}
+
+bool OutputFile::Append(const unsigned char* data, int size) {
+  while (size > 0 && !IsFailed()) {
+    const ssize_t written = write(m_fd, data, static_cast<std::size_t>(size));
+    if (written <= 0) {
+      if (errno != EINTR || StopSignals::Seen()) {
+        m_error = written == 0 ? ENOSPC : errno;
+      }
+      continue;
+    }
+    data += written;
+    size -= static_cast<int>(written);
+    m_size += written;
+  }
+  return !IsFailed();
+}
+
+int OutputFile::Commit() {
+  if (IsFailed()) {
+    return FailWrite();
+  }
+  if (m_temporary.empty()) {
+    return kDone;
+  }
+  if (fsync(m_fd) != 0 || std::rename(m_temporary.c_str(), m_output.c_str()) != 0) {
+    m_error = errno;
+    return FailWrite();
+  }
+  m_temporary.clear();
+  close(m_fd);
+  const int directory = open(DirectoryOf(m_output).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory >= 0) {
+    fsync(directory);
+    close(directory);
+  }
+  return kDone;
+}
+
+int OutputFile::FailWrite() const {
+  const std::string why = std::strerror(m_error);
+  return m_output == "-" ? Fail(kFailed, "stdout: cannot write the result: " + why + "; check where the output goes")
+                         : Fail(kFailed, m_output + ": cannot write the recording: " + why +
+                                             "; check the directory, its permissions and the free space");
+}

@@ -1,0 +1,43 @@
+// How far a long work is: a line on a terminal, or JSON objects for programs.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+enum class ProgressForm { None, Text, Json };
+
+class Progress {
+ public:
+  // total: seconds of recording, 0 when not known.
+  Progress(ProgressForm form, double total);
+  // Clears the line.
+  ~Progress() { Hide(); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // done: seconds of recording. At most 5 times a second, and on a terminal only after the first second, it shows.
+  void Update(double done);
+
+  // Clears the line until the next update, so that a message can stand there.
+  void Hide();
+
+  // Ends the work: programs learn so from a last object.
+  void Finish(double done);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void ShowText(double done, double rate);
+  void ShowJson(double done, double rate, bool finished);
+  double Rate(double done) const;
+  double Left(double done, double rate) const;
+
+  ProgressForm m_form;
+  double m_total;
+  Clock::time_point m_begin = Clock::now();
+  Clock::time_point m_next;
+  std::size_t m_width = 0;  // of the line that is shown
+};
+
+// Text needs a terminal and a user who did not ask for quiet; JSON was asked for.
+ProgressForm ChooseProgress(const std::string& option);
