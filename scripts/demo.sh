@@ -46,7 +46,7 @@ begin_page() {
   body { font: 16px/1.5 system-ui, sans-serif; max-width: 60rem; margin: 2rem auto; padding: 0 1rem; color: #222; }
   h1 { font-size: 1.6rem; } h2 { font-size: 1.15rem; margin: 2.5rem 0 .5rem; }
   pre { background: #f3f4f6; border-radius: 6px; padding: .6rem .9rem; overflow-x: auto; }
-  img { max-width: 100%; border: 1px solid #ccc; } p { margin: .3rem 0; }
+  img, video { max-width: 100%; border: 1px solid #ccc; } p { margin: .3rem 0; }
 </style>
 HTML
   printf '<h1>mediautil %s</h1>\n<p>Made from %s. Every picture stands under the command that made it.</p>\n' \
@@ -83,6 +83,17 @@ picture_section() {
     "$(stat -c %s "$file")" >>"$page"
 }
 
+# video_section TITLE TEXT FILE ARGUMENT...: plays the MP4 that the program writes, or tells why there is none.
+video_section() {
+  local title=$1 text=$2 file=$3 words
+  shift 3
+  heading "$title" "$text" "$@" -o "$file"
+  if words=$("$program" "$@" -o "$file" 2>&1); then
+    printf '<video src="%s" controls muted preload="metadata"></video>\n' "$file" >>"$page"
+  fi
+  printf '<p>%s</p>\n' "$(printf %s "$words" | escape)" >>"$page"
+}
+
 # ---------------------------------------------------------------------------------------------------------------------
 
 recording=
@@ -115,7 +126,7 @@ if [ -z "$recording" ]; then
   name=recording.mp4
   origin="a test recording: 6 s, a key frame every 2 s, with sound"
   quietly "Making a recording" ffmpeg -y -f lavfi -i testsrc2=size=640x360:rate=25 -f lavfi -i sine=frequency=440 -t 6 \
-    -c:v libx264 -pix_fmt yuv420p -g 50 -c:a aac "$name"
+    -c:v libx264 -bf 0 -pix_fmt yuv420p -g 50 -c:a aac "$name"
 else
   origin=$(basename -- "$recording")
   name=recording
@@ -133,4 +144,5 @@ picture_section "Masked snapshot" "Two privacy regions: the upper left quarter a
   masked.jpg snapshot "$name" --privacy '00000000500000005000500000005000;999949999999999940009999'
 picture_section "Event thumbnail" "The size that event lists show." thumbnail.jpg thumbnail "$name"
 picture_section "Event preview" "Twice that size." preview.jpg thumbnail "$name" --preview
+video_section "Export" "The recording as fragmented MP4; its video is copied as it is." export.mp4 export "$name"
 echo "Done: $page"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing of the Debian packages: setup.sh [demo|test]. demo builds and runs the program; test, the
-# default, adds what the tests, the benchmarks and the checks need. Touches nothing when nothing is missing.
+# Installs what is missing of the Debian packages: setup.sh [demo|test|browser]. demo builds and runs the program; test,
+# the default, adds what the tests, the benchmarks and the checks need; browser adds Chromium to that. Touches
+# nothing when nothing is missing.
 set -euo pipefail
 
 demo_packages=(
@@ -10,13 +11,16 @@ demo_packages=(
 )
 test_packages=(
   libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev valgrind shellcheck python3
+  libcpp-httplib-dev
 )
+browser_packages=(chromium)
 
 case ${1:-test} in
   demo) packages=("${demo_packages[@]}") ;;
   test) packages=("${demo_packages[@]}" "${test_packages[@]}") ;;
+  browser) packages=("${demo_packages[@]}" "${test_packages[@]}" "${browser_packages[@]}") ;;
   *)
-    echo "usage: setup.sh [demo|test]" >&2
+    echo "usage: setup.sh [demo|test|browser]" >&2
     exit 2
     ;;
 esac

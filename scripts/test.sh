@@ -1,10 +1,18 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs all tests: the whole suite with ASan and UBSan, the thread tests with
-# ThreadSanitizer, and program, symbol and valgrind tests on the optimised build. Works from any folder.
+# ThreadSanitizer, and program, symbol and valgrind tests on the optimised build. Works from any folder. With
+# --browser it also installs Chromium, without which the browser test is skipped.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-scripts/setup.sh test
+case ${1:-} in
+  '') scripts/setup.sh test ;;
+  --browser) scripts/setup.sh browser ;;
+  *)
+    echo "usage: test.sh [--browser]" >&2
+    exit 2
+    ;;
+esac
 
 launcher=()
 if command -v ccache >/dev/null; then launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache); fi
