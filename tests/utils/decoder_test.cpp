@@ -297,7 +297,7 @@ TEST(Free, EmptyAndTwice) {
   for (int round = 0; round < 2; ++round) {
     DoFFMpegFree(session.attr, session.buffer);
     EXPECT_TRUE(session.attr.pCodecCtx == nullptr && session.attr.pRawFrame == nullptr);
-    EXPECT_TRUE(session.attr.pOutFrame == nullptr && session.buffer == nullptr);
+    EXPECT_TRUE(session.attr.pOutFrame == nullptr && session.buffer == nullptr && session.attr.pCodec == nullptr);
   }
   AVFrame* frame = nullptr;
   DoFFmpegFrameFree(&frame);

@@ -102,16 +102,20 @@ TEST(ImageObject, Resize) {
   LogCapture log;
   EXPECT_EQ(source.Resize(target, 37838, 37838), -1);  // 3 x w x h wraps to a small number in 32 bits
   EXPECT_EQ(source.Resize(target, 1, 4294967295U), -1);
-  EXPECT_EQ(SizeOf(target), "51x41/6273");
   EXPECT_EQ(source.Resize(target, 0, 10), -1);
   ImageObject unfit[2];
   LoadShort(unfit[1]);
   for (const ImageObject& from : unfit) EXPECT_EQ(from.Resize(target, 10, 10), -1);
+  EXPECT_EQ(SizeOf(target), "51x41/6273") << "a failure leaves the target";
+  EXPECT_EQ(At(target, 50, 40), 0x4D4D4DU);
   EXPECT_EQ(
       log.Messages(),
       (Messages{"3|Failed to create buffer: 175436 bytes\n", "3|Failed to create buffer: 4294967293 bytes\n",
                 "3|Failed to get convert ctx (64, 64), (0, 10)\n", "3|Failed to get convert ctx (0, 0), (10, 10)\n",
                 "3|Failed to get convert ctx (100, 100), (10, 10)\n"}));
+  ASSERT_EQ(source.Resize(source, 128, 96), 0);
+  EXPECT_EQ(SizeOf(source), "128x96/36864");
+  EXPECT_EQ(At(source, 127, 95), 0x4D4D4DU);
 }
 
 TEST(ImageObject, FromEveryVideoType) {

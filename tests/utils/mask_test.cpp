@@ -116,6 +116,7 @@ TEST(Overlay, BlendsByTheTopsAlpha) {
   for (const int width : {16, 99}) {
     const FfPtr<AVFrame> base = Rgba(width, 21, 0xFF204060U);
     const FfPtr<AVFrame> top = Mask("00000000500000005000500000005000", width, 21);
+    top->pts = 100;  // times have no say
     AVFrame* result = nullptr;
     ASSERT_EQ(DoFFMpegOverlayTwoImage(base.get(), top.get(), &result, AV_PIX_FMT_RGB24), 0);
     ASSERT_EQ(result->format, AV_PIX_FMT_RGB24);

@@ -56,9 +56,10 @@ Picture Snapshot(AVFrame* frame, const std::string& regions = "", int quality = 
 }
 
 Picture Snapshot(const Bytes& data, int maxSide) {
-  unsigned char* jpeg = nullptr;
-  int size = 0;
+  auto* jpeg = reinterpret_cast<unsigned char*>(1);  // nothing of before may be left on failure
+  int size = -7;
   const int ret = DoFFMpegGetJpeg(3, nullptr, 0, data.data(), static_cast<int>(data.size()), &jpeg, &size, maxSide);
+  EXPECT_EQ(ret == 0, jpeg != nullptr);
   return Decode(jpeg, size, ret);
 }
 
