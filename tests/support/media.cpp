@@ -207,9 +207,8 @@ Bytes MxpegKeyFrame(int width, int height) {
                    0,
                    0};
   comment.insert(comment.end(), maskSize, 0xFF);
-  Bytes frame = {0xFF, 0xD8};
-  frame.insert(frame.end(), comment.begin(), comment.end());
-  frame.insert(frame.end(), jpeg.begin() + 2, jpeg.end());
+  Bytes frame = jpeg;
+  frame.insert(frame.begin() + 2, comment.begin(), comment.end());
   return frame;
 }
 
