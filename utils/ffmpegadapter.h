@@ -15,8 +15,8 @@ class VY_API FFmpegAdapter {
   // code; bG726LE chooses the little-endian G.726. The caller frees them with avcodec_parameters_free.
   static AVCodecParameters* AllocCodecParameters(ESFormat& fmt, bool bG726LE);
 
-  // New codec parameters of the camera audio-out channel: G.711 mu-law, 8000 Hz, two channels. Null without memory. The caller frees
-  // them with avcodec_parameters_free.
+  // New codec parameters of the camera audio-out channel: G.711 mu-law, 8000 Hz, two channels. Null without memory. The
+  // caller frees them with avcodec_parameters_free.
   static AVCodecParameters* AudioOutCodecParameters();
 
   // A new packet that owns a copy of size bytes, zero padded behind them, or null. The caller frees it with

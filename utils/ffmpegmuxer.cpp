@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "utils/esformat.h"
 #include "utils/internal/audioinfo.h"
@@ -38,7 +39,15 @@ constexpr int kEncodedBitRate = 32000;
 constexpr int kConvertedFrames = 64;
 
 // AVFormatContext::opaque of a muxer's context until its header is written: FFmpeg would crash on a packet before that.
-char g_noHeader;
+constexpr char kNoHeader = 0;
+
+bool HasHeader(const AVFormatContext& oc) {
+  return oc.opaque != &kNoHeader;
+}
+
+bool IsMp4(FFMPEG_MUXER_FORMAT format) {
+  return format != FFMPEG_MUXER_FORMAT_MP3 && format != FFMPEG_MUXER_FORMAT_FLV;
+}
 
 const char* ContainerName(FFMPEG_MUXER_FORMAT format) {
   switch (format) {
@@ -64,10 +73,7 @@ int MuxCtrler::GetMuxAdoCodec(const ESFormat& src) const {
 }
 
 int MuxCtrler::WritePkt(AVFormatContext* oc, AVPacket* pkt) const {
-  if (oc == nullptr || oc->opaque == &g_noHeader) {
-    return AVERROR(EINVAL);
-  }
-  return av_interleaved_write_frame(oc, pkt);
+  return oc == nullptr || !HasHeader(*oc) ? AVERROR(EINVAL) : av_interleaved_write_frame(oc, pkt);
 }
 
 int MuxCtrler::AfterWriteVdo(AVFormatContext*) const {
@@ -111,7 +117,7 @@ FFmpegMuxer::~FFmpegMuxer() {
 }
 
 int FFmpegMuxer::Init(FFMPEG_MUXER_FORMAT fmt, void* opaque,
-                      int (*write)(void* opaque, unsigned char* data, int size)) {
+                      int (*write)(void* opaque, unsigned char* data, int size)) try {
   constexpr int kBufferSize = 1048575;
   constexpr int kMp3BufferSize = 1023;
   VY_FAIL_IF(m_pOutputCtx != nullptr, -1, LOG_LEVEL_ERR, "Already inited.\n");
@@ -119,20 +125,21 @@ int FFmpegMuxer::Init(FFMPEG_MUXER_FORMAT fmt, void* opaque,
   VY_FAIL_IF(ret < 0 || m_pOutputCtx == nullptr, -1, LOG_LEVEL_ERR,
              "Failed to open ouput context, Ret[%d], oc[%p], format[%d].\n", ret,
              static_cast<const void*>(m_pOutputCtx), static_cast<int>(fmt));
-  const bool isMp4 = fmt != FFMPEG_MUXER_FORMAT_MP3 && fmt != FFMPEG_MUXER_FORMAT_FLV;
-  m_pOutput = std::make_unique<Output>(isMp4, opaque, write);
+  m_pOutput = std::make_unique<Output>(IsMp4(fmt), opaque, write);
   const int size = fmt == FFMPEG_MUXER_FORMAT_MP3 ? kMp3BufferSize : kBufferSize;
   VY_FAIL_IF(!m_pOutput->io.AllocBuffer(size), -1, LOG_LEVEL_ERR, "Failed to alloc output buffer.\n");
   m_pOutputCtx->pb = m_pOutput->io.Open();
   VY_FAIL_IF(m_pOutputCtx->pb == nullptr, -1, LOG_LEVEL_ERR, "Failed to avio_alloc_context.\n");
   m_pOutputCtx->flags = AVFMT_FLAG_CUSTOM_IO;
-  m_pOutputCtx->opaque = &g_noHeader;
-  m_format = isMp4 ? FFMPEG_MUXER_FORMAT_MP4 : fmt;
+  m_pOutputCtx->opaque = const_cast<char*>(&kNoHeader);
+  m_format = fmt;
   return 0;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 int FFmpegMuxer::AddVdoStream(const std::string& codec, int width, int height, const unsigned char* extradata,
-                              int extLen) {
+                              int extLen) try {
   VY_FAIL_IF(width <= 0 || height <= 0, -1, LOG_LEVEL_ERR, "Error params, W[%d], H[%d].\n", width, height);
   VY_FAIL_IF(m_pVdo != nullptr, -1, LOG_LEVEL_ERR, "Already init video.\n");
   auto writer = std::make_unique<VdoStreamPriv>(m_ctrler, m_basePts, width, height);
@@ -143,9 +150,11 @@ int FFmpegMuxer::AddVdoStream(const std::string& codec, int width, int height, c
   }
   m_pVdo = std::move(writer);
   return 0;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
-int FFmpegMuxer::AddAdoStream(const std::string& info, const std::string& codec, bool bG726LE) {
+int FFmpegMuxer::AddAdoStream(const std::string& info, const std::string& codec, bool bG726LE) try {
   VY_FAIL_IF(info.empty() || !IsValidCodec(m_format, codec), -1, LOG_LEVEL_ERR,
              "Error params, strInfo[%s], strCodec[%s], Format[%d].\n", info.c_str(), codec.c_str(),
              static_cast<int>(m_format));
@@ -186,6 +195,8 @@ int FFmpegMuxer::AddAdoStream(const std::string& info, const std::string& codec,
   }
   m_pAdo = std::move(writer);
   return 0;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 // FFmpeg has no call that takes a stream out of a context, and one that a failed writer leaves would spoil the header
@@ -210,7 +221,7 @@ void FFmpegMuxer::DropFailedStream(StreamPriv* other) {
 int FFmpegMuxer::WriteHeader() {
   VY_FAIL_IF(m_isHeaderWritten, -1, LOG_LEVEL_ERR, "Already write header.\n");
   AVDictionary* options = nullptr;
-  if (m_format == FFMPEG_MUXER_FORMAT_MP4) {
+  if (IsMp4(m_format)) {
     av_dict_set(&options, "movflags", "faststart+frag_keyframe+empty_moov+default_base_moof+skip_trailer", 0);
   }
   const int ret = m_pOutputCtx == nullptr ? AVERROR(EINVAL) : avformat_write_header(m_pOutputCtx, &options);
@@ -287,7 +298,7 @@ long long FFmpegMuxer::GetMovVdoTrackNextFragStart() {
   return timeBase.den == 0 ? 0 : av_rescale_q(m_pOutput->scan.NextStart(), timeBase, kMicroseconds);
 }
 
-std::string GetMimeCodecs(const ESFormat& video, const ESFormat& audio, const MuxCtrler& ctrler) {
+std::string GetMimeCodecs(const ESFormat& video, const ESFormat& audio, const MuxCtrler& ctrler) try {
   std::string codecs;
   const bool hasVideo = video.i_cat == ES_VIDEO;
   if (hasVideo) {
@@ -309,6 +320,8 @@ std::string GetMimeCodecs(const ESFormat& video, const ESFormat& audio, const Mu
     codecs += (hasVideo ? ", " : "") + sound;
   }
   return codecs.empty() ? "" : (hasVideo ? "video" : "audio") + ("/mp4; codecs=\"" + codecs + "\"");
+} catch (const std::bad_alloc&) {
+  return "";
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -580,7 +593,7 @@ int AdoStreamPriv::DoEncode(AVFormatContext* oc, AVStream* st, AVFrame* frame) {
       result = -1;
     }
   }
-  m_merger.DropFrames();  // of a call that failed
+  m_merger.KeepAtMost(m_convertedSize * 2);  // what a call that failed leaves
   return result;
 }
 

@@ -30,7 +30,8 @@ class VY_API MuxCtrler {
   virtual int GetMuxAdoCodec(const ESFormat& src) const;
 
   // Writes a packet; its data is valid during the call only. Negative: the frame counts as failed. The default writes
-  // to oc, interleaved by time, and refuses a packet before the header.
+  // to oc, interleaved by time, and refuses a packet before the header. Frames reach an override before the header too:
+  // one that writes to oc itself must not do so then, FFmpeg does not check.
   virtual int WritePkt(AVFormatContext* oc, AVPacket* pkt) const;
 
   // After each written packet. The results are ignored.
@@ -68,7 +69,7 @@ class VY_API FFmpegMuxer {
   // the other one usable.
   int AddAdoStream(const std::string& info, const std::string& codec, bool bG726LE);
 
-  // No stream can be added afterwards. A header that the container refuses stays refused: Finalize and start over.
+  // No stream can be added afterwards. After a failure Finalize and start over.
   int WriteHeader();
 
   // One frame in decoding order; streams with reordered frames (B-frames) are not supported. MP4: a fragment leaves

@@ -36,8 +36,8 @@ class VY_API ImageObject {
   int LoadFromMPEG(int vdoType, const unsigned char* extradata, unsigned int extradataSize, const unsigned char* data,
                    unsigned int size, unsigned int width, unsigned int height);
 
-  // Scales into target, whose buffer is reused when it is large enough; at most 64 megapixels. A failure leaves target as
-  // it was.
+  // Scales into target, whose buffer is reused when it is large enough; at most 64 megapixels. A failure leaves target
+  // as it was.
   int Resize(ImageObject& target, unsigned int width, unsigned int height) const;
   // Scales source into target's buffer, which is set up by its width, height and length.
   static int ResizeRGBImage(ImageObject& target, const ImageObject& source);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <new>
 
 #include "platform/jpeg.h"
 #include "platform/time.h"
@@ -543,7 +544,7 @@ unsigned int DoFFMpegGetDuration(const std::string& path) {
 // Privacy mask and overlay
 // ---------------------------------------------------------------------------------------------------------------------
 
-int GetPrivacyRegionFrame(AVFrame** output, const std::string& privacyRegion, int width, int height) {
+int GetPrivacyRegionFrame(AVFrame** output, const std::string& privacyRegion, int width, int height) try {
   VY_FAIL_IF(output == nullptr, -1, LOG_LEVEL_ERR, "GetPrivacyRegionFrame, ppOutputFrame is nullptr.\n");
   *output = nullptr;
   FfPtr<AVFrame> mask(av_frame_alloc());
@@ -559,6 +560,8 @@ int GetPrivacyRegionFrame(AVFrame** output, const std::string& privacyRegion, in
   mediautil::PaintRegions(privacyRegion, {mask->data[0], mask->linesize[0], width, height, 4});
   *output = mask.release();
   return 0;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 int DoFFMpegOverlayTwoImage(AVFrame* base, AVFrame* top, AVFrame** output, AVPixelFormat format) {
@@ -634,7 +637,7 @@ void FillAdoFmtIDByCodec(ESFormat& fmt, bool bG726LE) {
 // Audio decoder session
 // ---------------------------------------------------------------------------------------------------------------------
 
-int DoFFMpegInitAudio(FFmpegAttr& attr, const ESFormat& fmt) {
+int DoFFMpegInitAudio(FFmpegAttr& attr, const ESFormat& fmt) try {
   ReleaseSession(attr);
   LockAVCodecRegister();
   attr.pCodec = avcodec_find_decoder(static_cast<AVCodecID>(fmt.i_codec_id));
@@ -655,6 +658,8 @@ int DoFFMpegInitAudio(FFmpegAttr& attr, const ESFormat& fmt) {
   attr.pRawFrame = av_frame_alloc();
   VY_FAIL_IF(attr.pRawFrame == nullptr, -1, LOG_LEVEL_ERR, "Failed to alloc frame.\n");
   return 0;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 int DoFFMpegDecodeAudio(FFmpegAttr& attr, unsigned char* data, int size) {

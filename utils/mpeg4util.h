@@ -82,10 +82,11 @@ VY_API int DoFFMpegDecode(FFmpegAttr& attr, const unsigned char* data, int size)
 // True when the picture was decoded although a reference picture of it was never seen.
 VY_API bool IsDecodeFrameMissRef(const AVFrame* frame);
 
-// Converts the picture decoded last into buffer; its rows lie as pOutFrame says, packed in a new buffer. width and height: pixels; when neither is above 0 the
-// picture's own, when one is not it follows from the other; both are written back. A buffer that is null or smaller
-// than needed is replaced (av_malloc, av_free) and bufferSize updated; the caller releases it with av_free.
-// Returns 0 always: without a picture, or for an impossible format or size, the buffer keeps its contents.
+// Converts the picture decoded last into buffer; its rows lie as pOutFrame says, packed in a new buffer. width and
+// height: pixels; when neither is above 0 the picture's own, when one is not it follows from the other; both are
+// written back. A buffer that is null or smaller than needed is replaced (av_malloc, av_free) and bufferSize updated;
+// the caller releases it with av_free. Returns 0 always: without a picture, or for an impossible format or size, the
+// buffer keeps its contents.
 VY_API int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& buffer, int& bufferSize, int& width, int& height,
                          AVPixelFormat format);
 

@@ -27,6 +27,7 @@ struct SeenPacket {
   std::int64_t dts;
   bool key;
   int size;
+  std::int64_t duration;  // in the stream's time base, as the times
 };
 
 // Chooses a sound codec, records packets, and passes them on or answers for them.
@@ -43,7 +44,8 @@ class Policy : public MuxCtrler {
     return soundCodec >= 0 ? soundCodec : MuxCtrler::GetMuxAdoCodec(src);
   }
   int WritePkt(AVFormatContext* oc, AVPacket* pkt) const override {
-    packets.push_back({pkt->stream_index, pkt->pts, pkt->dts, (pkt->flags & AV_PKT_FLAG_KEY) != 0, pkt->size});
+    packets.push_back(
+        {pkt->stream_index, pkt->pts, pkt->dts, (pkt->flags & AV_PKT_FLAG_KEY) != 0, pkt->size, pkt->duration});
     return answer ? answer() : MuxCtrler::WritePkt(oc, pkt);
   }
   int AfterWriteVdo(AVFormatContext*) const override {

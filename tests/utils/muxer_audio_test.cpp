@@ -6,6 +6,7 @@
 #include "tests/support/muxing.h"
 #include "utils/esformat.h"
 #include "utils/internal/audioinfo.h"
+#include "utils/internal/ffcompat.h"
 #include "utils/internal/streampriv.h"
 
 using mediautil::FfPtr;
@@ -295,6 +296,10 @@ struct SoundCase {
   int bitRate = 0;
 };
 
+void PrintTo(const SoundCase& param, std::ostream* os) {
+  *os << param.name;
+}
+
 class EncodedSound : public ::testing::TestWithParam<SoundCase> {};
 
 }  // namespace
@@ -380,7 +385,7 @@ TEST(EncodedSound, FailuresAreReportedAndDoNotLast) {
   unsigned char byte = 0;
   EXPECT_EQ(out.muxer.WriteAdoFrame(&byte, 0, 1), -1);
   EXPECT_EQ(out.muxer.WriteAdoFrame(&byte, INT_MIN, 1), -1);
-  // A write that fails ends the call; what waits does not pile up.
+  // A write that fails ends the call; what waits is written later, but does not pile up without bound.
   log.Clear();
   out.policy.answer = [] { return -1; };
   EXPECT_EQ(out.Audio(Bytes(80000, 0xFF)), -1);
@@ -392,7 +397,9 @@ TEST(EncodedSound, FailuresAreReportedAndDoNotLast) {
   for (const Bytes& packet : Pcmu().packets) {
     EXPECT_EQ(out.Audio(packet), 0);
   }
-  EXPECT_NEAR(LevelAt(OneTrack(out).sound, 32000, 1000), kMp3Level, 0.02);
+  const auto sound = OneTrack(out).sound;
+  EXPECT_NEAR(static_cast<double>(sound.size()) / 32000, 18.4 + 2, 0.5);  // two merge buffers of the 20 s, and the tone
+  EXPECT_NEAR(LevelAt({sound.end() - 32000, sound.end()}, 32000, 1000), kMp3Level, 0.02);
 }
 
 TEST(EncodedSound, InTheCodecOfThePolicy) {
@@ -410,8 +417,14 @@ TEST(EncodedSound, InTheCodecOfThePolicy) {
     EXPECT_EQ(track.rate, 32000);
     EXPECT_NEAR(LevelAt(track.sound, 32000, 1000), kMp3Level, 0.03);
     ExpectSteadyTimes(track, isMp3 ? 36000 : 32000);
+    EXPECT_EQ(out.policy.packets.back().duration, format == kFlv ? 32 : isMp3 ? 1152 : 1024);
     EXPECT_TRUE(!isMp3 || *std::max_element(out.sink.sizes.begin(), out.sink.sizes.end()) <= 1023);
   }
+  // The fixed sample format where the encoder has it, else the encoder's own.
+  EXPECT_EQ(mediautil::ChooseSampleFormat(avcodec_find_encoder(AV_CODEC_ID_MP3), AV_SAMPLE_FMT_S16P),
+            AV_SAMPLE_FMT_S16P);
+  EXPECT_EQ(mediautil::ChooseSampleFormat(avcodec_find_encoder(AV_CODEC_ID_AAC), AV_SAMPLE_FMT_S16P),
+            AV_SAMPLE_FMT_FLTP);
   // An encoder without frames of its own gets 1024 samples at a time.
   Muxing out;
   out.policy.soundCodec = AV_CODEC_ID_PCM_MULAW;

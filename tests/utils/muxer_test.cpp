@@ -10,6 +10,7 @@
 #include "tests/support/muxing.h"
 #include "tests/support/tempdir.h"
 #include "utils/esformat.h"
+#include "utils/internal/callbackio.h"
 #include "utils/internal/streampriv.h"
 
 using mediautil::FfPtr;
@@ -56,6 +57,10 @@ struct VideoCase {
   bool setsApart = true;
   bool inMp4 = false;  // length prefixes and an avcC or hvcC box, instead of start codes
 };
+
+void PrintTo(const VideoCase& param, std::ostream* os) {
+  *os << param.name;
+}
 
 class Video : public ::testing::TestWithParam<VideoCase> {};
 
@@ -316,10 +321,10 @@ TEST(Muxer, FramesBeforeTheHeaderAreRefusedAndDoNotCount) {
     ASSERT_EQ(out.AddVideo(H264()), 0);
     ASSERT_EQ(out.AddSound("1|16000", "MPEG4-GENERIC"), 0);
     log.Clear();
-    EXPECT_EQ(out.Video(H264().frames[0], 5000000), -1);
-    EXPECT_EQ(out.Audio(AdtsPacket(0), 9000000), -1);
+    EXPECT_EQ(out.Audio(AdtsPacket(0), 5000000), -1);
+    EXPECT_EQ(out.Video(H264().frames[0], 9000000), -1);
     EXPECT_EQ(log.Messages(),
-              (Messages{"1|Error while writing video frame\n", "1|Error while writing audio frame.\n"}));
+              (Messages{"1|Error while writing audio frame.\n", "1|Error while writing video frame\n"}));
     EXPECT_TRUE(out.sink.bytes.empty());
     ASSERT_EQ(out.muxer.WriteHeader(), 0);
     EXPECT_EQ(out.Audio(AdtsPacket(0), 20000000), 0);
@@ -420,6 +425,13 @@ TEST(Muxer, PolicyTakesPacketsOver) {
     EXPECT_EQ(packet.key, i % 10 == 0);
     EXPECT_EQ(packet.size, static_cast<int>(H264().frames[i].data.size()));
   }
+  // It may do without a header; another start begins another time line.
+  out.muxer.Finalize();
+  ASSERT_EQ(out.Init(), 0);
+  ASSERT_EQ(out.AddVideo(H264()), 0);
+  EXPECT_EQ(out.Video(H264().frames[0], 7000000), 0);
+  EXPECT_EQ(out.policy.packets.back().pts, 0);
+
   const MuxCtrler standard;
   ESFormat fmt;
   fmt.i_codec_id = AV_CODEC_ID_AAC;
@@ -429,6 +441,19 @@ TEST(Muxer, PolicyTakesPacketsOver) {
   EXPECT_EQ(standard.AfterWriteVdo(nullptr), 0);
   EXPECT_EQ(standard.AfterWriteAdo(nullptr), 0);
   EXPECT_LT(standard.WritePkt(nullptr, nullptr), 0);
+}
+
+TEST(CallbackIo, HandsOverWhatIsLeft) {
+  Sink sink;
+  mediautil::CallbackIo io(&sink, Sink::Write);
+  ASSERT_TRUE(io.AllocBuffer(16));
+  AVIOContext* output = io.Open();
+  ASSERT_NE(output, nullptr);
+  avio_write(output, Bytes(20, 7).data(), 20);
+  EXPECT_LT(sink.bytes.size(), 20U);
+  io.Close();
+  io.Close();
+  EXPECT_EQ(sink.bytes, Bytes(20, 7));
 }
 
 // What the callback answers, and what that does to the calls.

@@ -100,7 +100,6 @@ void FragScan::Enter(std::uint32_t type, std::uint64_t bodySize) {
   if (isContainer) {
     m_end[++m_level] = m_boxEnd;
     m_trackId = 0;
-    m_sum = m_level == kFragment ? m_next : m_sum;
     Want(Field::Header, 8);
   } else if (m_level == kTrack && type == BoxType("tfhd") && bodySize >= 8) {
     Want(Field::TrackHeader, bodySize);

@@ -49,7 +49,7 @@ class FragScan {
   std::uint32_t m_defaultDuration = 0;
   std::uint32_t m_samplesLeft = 0;  // of the run at hand
   std::size_t m_sampleSize = 0;
-  std::uint64_t m_sum = 0;  // of the fragment at hand
+  std::uint64_t m_sum = 0;  // m_next as far as the fragment at hand goes
   std::uint64_t m_next = 0;
 };
 

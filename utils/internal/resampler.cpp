@@ -8,6 +8,9 @@ extern "C" {
 namespace mediautil {
 namespace {
 
+constexpr int kMinRate = 1000;  // samples per second
+constexpr int kMaxRate = 768000;
+
 AVChannelLayout PlainLayout(const AVChannelLayout& layout) {
   if (layout.order == AV_CHANNEL_ORDER_NATIVE) {
     return layout;
@@ -30,6 +33,10 @@ SoundShape ShapeOf(const AVFrame& frame) {
 bool Resampler::SetUp(const SoundShape& in, const SoundShape& out) {
   m_in = in;
   m_out = out;
+  m_swr.reset();
+  if (in.rate < kMinRate || in.rate > kMaxRate) {
+    return false;
+  }
   SwrContext* swr = nullptr;
   const int ret = swr_alloc_set_opts2(&swr, &m_out.layout, m_out.format, m_out.rate, &m_in.layout, m_in.format,
                                       m_in.rate, 0, nullptr);

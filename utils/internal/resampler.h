@@ -19,7 +19,8 @@ SoundShape ShapeOf(const AVFrame& frame);
 
 class Resampler {
  public:
-  // False for a shape without rate, channels or format. Sound that was still inside is dropped.
+  // False for a shape without channels or format, and for an input rate that no sound has: the output of a few samples
+  // would be without bound. Sound that was still inside is dropped.
   bool SetUp(const SoundShape& in, const SoundShape& out);
 
   // Sets up again when the input has another format, rate or channel count than before: libswresample trusts the shape

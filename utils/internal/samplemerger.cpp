@@ -12,7 +12,7 @@ extern "C" {
 namespace mediautil {
 namespace {
 
-constexpr std::int64_t kMaxBytes = 1 << 30;
+constexpr std::int64_t kMaxBytes = 64 << 20;
 
 }  // namespace
 
@@ -94,6 +94,12 @@ bool SampleMerger::Next(AVFrame& frame) {
   frame.linesize[0] = static_cast<int>(static_cast<std::size_t>(m_frameSize) * m_samples.Stride());
   m_begin += m_frameSize;
   return true;
+}
+
+void SampleMerger::KeepAtMost(int bytes) {
+  while (WaitingBytes() > bytes && m_end - m_begin >= m_frameSize) {
+    m_begin += m_frameSize;
+  }
 }
 
 void SampleMerger::Free() {

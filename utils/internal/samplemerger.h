@@ -20,7 +20,7 @@ class SampleBuffer {
   // Starts empty. False for a format or channel count that no frame can hold.
   bool SetFormat(AVSampleFormat format, int channels);
 
-  // Makes room for that many samples and keeps what is there. False without memory, or for more than 1 GiB in all.
+  // Makes room for that many samples and keeps what is there. False without memory, or for more than 64 MiB in all.
   bool Reserve(std::int64_t samples);
 
   void Free();
@@ -53,8 +53,8 @@ class SampleMerger {
   // Lays the next whole frame under frame: its data and sample count. False when too few samples wait.
   bool Next(AVFrame& frame);
 
-  // Drops the whole frames that wait and keeps the rest.
-  void DropFrames() { m_begin += (m_end - m_begin) / m_frameSize * m_frameSize; }
+  // Drops the oldest whole frames until no more than that many bytes wait.
+  void KeepAtMost(int bytes);
 
   void Free();
 
