@@ -66,7 +66,7 @@ struct Box {
 std::vector<Box> BoxesIn(const Bytes& bytes, std::size_t begin, std::size_t end) {
   std::vector<Box> boxes;
   while (begin + 8 <= end) {
-    const std::size_t size = Number(bytes, begin, 4);
+    const auto size = static_cast<std::size_t>(Number(bytes, begin, 4));
     const auto type = bytes.begin() + static_cast<std::ptrdiff_t>(begin) + 4;
     boxes.push_back({std::string(type, type + 4), begin + 8, begin + size});
     begin += std::max<std::size_t>(size, 8);

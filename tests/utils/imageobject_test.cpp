@@ -70,7 +70,7 @@ TEST(ImageObject, Jpeg) {
   EXPECT_NEAR(static_cast<int>(At(read, 32, 20) & 255U), 120, 3);
 
   LogCapture log;
-  EXPECT_EQ(LoadJpeg(read, Bytes(bytes.begin(), bytes.begin() + size / 2)), -1);
+  EXPECT_EQ(LoadJpeg(read, Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size / 2))), -1);
   EXPECT_EQ(SizeOf(read), "33x21/2079");
   // A tiny picture's JPEG is larger than its raw bytes; a short buffer never holds the stated rows.
   ImageObject unfit[3];
