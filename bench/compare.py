@@ -22,6 +22,9 @@ RATIO_GOALS = (
     (r"(h264|hevc|mjpeg)/(320|full)/frame-masked", 1.02),
     (r"(h264|hevc|mjpeg)/(320|full)/image-masked", 2.2),
     (r"thumbnail", 1.01),
+    (r"mux/copy", 1.28),
+    (r"mux/encode", 1.10),
+    (r"demux/loop", 1.05),
 )
 INSTRUCTION_GOALS = {"log/dropped": 11}
 LOOP = "log/loop"  # the empty loop around the log calls, taken off them
@@ -228,12 +231,14 @@ def parse_arguments():
 
 def compare(arguments, inputs):
     pictures = arguments.bin / "mediautil_bench"
+    containers = arguments.bin / "mediautil_bench_container"
     log_calls = arguments.bin / "mediautil_bench_log"
-    for program in (pictures, log_calls):
+    for program in (pictures, containers, log_calls):
         if not program.is_file():
             raise Failure(f"{program} is missing: build with -DMEDIAUTIL_BENCH=ON, or name its folder with --bin")
-    run([pictures, "--make-inputs", inputs])
-    programs = [[pictures, "--inputs", inputs], [log_calls]]
+    for program in (pictures, containers):
+        run([program, "--make-inputs", inputs])
+    programs = [[pictures, "--inputs", inputs], [containers, "--inputs", inputs], [log_calls]]
     for program in programs:
         run([*program, "--check"])
 
