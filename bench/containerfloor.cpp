@@ -90,7 +90,6 @@ class Mp4 {
     st->codecpar->width = clip.width;
     st->codecpar->height = clip.height;
     st->codecpar->format = AV_PIX_FMT_YUV420P;
-    st->codecpar->bit_rate = 200000;  // what an opened decoder claims that was told nothing
     SetExtra(st, clip.parameterSets.data(), clip.parameterSets.size());
   }
 

@@ -397,6 +397,7 @@ void VdoStreamPriv::FillCodecInfo(AVStream* st, const AVCodec* codec) {
   m_codecCtx->height = m_height;
   m_codecCtx->time_base = kMicroseconds;
   m_codecCtx->pix_fmt = AV_PIX_FMT_YUV420P;
+  m_codecCtx->bit_rate = 0;  // not known; the file would tell a decoder's default as the stream's
   st->time_base = kMicroseconds;
 }
 
