@@ -1,7 +1,5 @@
 #include "utils/imageobject.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -19,6 +17,7 @@
 #include "utils/internal/ffmpegptr.h"
 #include "utils/internal/fitsize.h"
 #include "utils/internal/log.h"
+#include "utils/internal/oneshot.h"
 #include "utils/internal/polygonmask.h"
 #include "utils/internal/scaler.h"
 #include "utils/mpeg4util.h"
@@ -146,17 +145,11 @@ int ImageObject::LoadFromMPEG(int vdoType, const unsigned char* extradata, unsig
   if (data == nullptr) {
     return -1;
   }
-  FFmpegAttr attr = {};
-  unsigned char* buffer = nullptr;
-  int bufferSize = 0;
-  const mediautil::ScopeExit release([&attr, &buffer] {
-    DoFFMpegFree(attr, buffer);
-    malloc_trim(0);
-  });
+  mediautil::OneShotSession session;
+  FFmpegAttr& attr = session.attr;
   const int initRet = DoFFMpegInitVideo(attr, vdoType, extradata, ToInt(extradataSize));
   VY_FAIL_IF(initRet != 0, -1, LOG_LEVEL_NOTE, "Failed to init FFmpeg dec: %d, VdoType[%d]\n", initRet, vdoType);
-  attr.pCodecCtx->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
-  attr.pCodecCtx->max_pixels = mediautil::kMaxPixels;
+  session.TakeAnyPicture();
   if (DecodePicture(attr, vdoType, data, ToInt(size)) != 0) {
     return -1;
   }
@@ -169,16 +162,16 @@ int ImageObject::LoadFromMPEG(int vdoType, const unsigned char* extradata, unsig
   int outHeight = ChooseSide(height, attr.pRawFrame->height);
   int ret = -1;
   if (static_cast<std::int64_t>(outWidth) * outHeight <= mediautil::kMaxPixels) {
-    ret = DoFFMpegScale(attr, buffer, bufferSize, outWidth, outHeight, AV_PIX_FMT_RGB24);
+    ret = DoFFMpegScale(attr, session.buffer, session.bufferSize, outWidth, outHeight, AV_PIX_FMT_RGB24);
   }
   if (attr.pOutFrame->width < 1) {
     ret = -1;  // nothing was written
   }
   VY_FAIL_IF(ret != 0, -1, LOG_LEVEL_WARN, "Failed to scale FFmpeg: %d\n", ret);
   // A new buffer of packed rows, which free releases as well: taken over instead of copied.
-  Take(buffer, static_cast<unsigned int>(bufferSize), static_cast<unsigned int>(outWidth),
+  Take(session.buffer, static_cast<unsigned int>(session.bufferSize), static_cast<unsigned int>(outWidth),
        static_cast<unsigned int>(outHeight));
-  buffer = nullptr;
+  session.buffer = nullptr;
   return 0;
 }
 

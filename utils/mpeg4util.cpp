@@ -1,6 +1,5 @@
 #include "utils/mpeg4util.h"
 
-#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include "utils/internal/filterchain.h"
 #include "utils/internal/fitsize.h"
 #include "utils/internal/log.h"
+#include "utils/internal/oneshot.h"
 #include "utils/internal/polygonmask.h"
 #include "utils/internal/scaler.h"
 
@@ -474,28 +474,23 @@ int DoFFMpegGetScaledFrame(int vdoType, const unsigned char* extradata, int extr
     return -1;
   }
   *output = nullptr;
-  FFmpegAttr attr = {};
-  unsigned char* buffer = nullptr;
-  int bufferSize = 0;
-  const mediautil::ScopeExit release([&attr, &buffer] {
-    DoFFMpegFree(attr, buffer);
-    malloc_trim(0);
-  });
+  mediautil::OneShotSession session;
+  FFmpegAttr& attr = session.attr;
   VY_FAIL_IF(DoFFMpegInitVideo(attr, vdoType, extradata, extradataSize) != 0, -1, LOG_LEVEL_NOTE,
              "FFmpeg init failed.\n");
-  attr.pCodecCtx->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
-  attr.pCodecCtx->max_pixels = mediautil::kMaxPixels;
+  session.TakeAnyPicture();
   const AVFrame& picture = *attr.pRawFrame;
   VY_FAIL_IF(DoFFMpegDecode(attr, data, size) != 0 && !mediautil::DrainPicture(attr.pCodecCtx, attr.pRawFrame), -1,
              LOG_LEVEL_NOTE, "FFmpeg decode failed.\n");
 
   mediautil::Size wanted = mediautil::FitLongestSide({picture.width, picture.height}, maxSide);
-  const int ret = DoFFMpegScale(attr, buffer, bufferSize, wanted.width, wanted.height, AV_PIX_FMT_RGB24);
+  const int ret =
+      DoFFMpegScale(attr, session.buffer, session.bufferSize, wanted.width, wanted.height, AV_PIX_FMT_RGB24);
   VY_FAIL_IF(ret != 0 || attr.pOutFrame->width < 1, -1, LOG_LEVEL_NOTE, "FFmpeg convert failed.\n");
   VY_LOG(LOG_LEVEL_NOTE, "Scale from [%dx%d] to [%dx%d]\n", picture.width, picture.height, wanted.width, wanted.height);
   *output = attr.pOutFrame;
   attr.pOutFrame = nullptr;
-  buffer = nullptr;
+  session.buffer = nullptr;
   return 0;
 }
 
