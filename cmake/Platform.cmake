@@ -2,9 +2,11 @@
 set(MEDIAUTIL_PLATFORM "local" CACHE STRING "Platform layer: local, or the path of a platform library")
 
 find_package(JPEG REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(jsoncpp REQUIRED IMPORTED_TARGET GLOBAL jsoncpp)
 add_library(mediautil_platform_headers INTERFACE)
 target_include_directories(mediautil_platform_headers INTERFACE ${CMAKE_CURRENT_SOURCE_DIR})
-target_link_libraries(mediautil_platform_headers INTERFACE JPEG::JPEG Threads::Threads)
+target_link_libraries(mediautil_platform_headers INTERFACE JPEG::JPEG PkgConfig::jsoncpp Threads::Threads)
 
 if(MEDIAUTIL_PLATFORM STREQUAL "local")
   add_subdirectory(platform/local)

@@ -1,7 +1,12 @@
 // Platform interface: time.
 #pragma once
 
+#include <cstdint>
+
 #include "platform/export.h"
 
 // Microseconds to whole seconds, truncated.
 VY_API long long USecToSec(long long usec);
+
+// Microseconds of a clock that only goes forward; its zero means nothing.
+VY_API std::int64_t GetMonotonicTimestamp();

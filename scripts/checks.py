@@ -89,10 +89,15 @@ def check_tree():
             yield from check(name, text)
 
 
+def jsoncpp_flags():
+    run = subprocess.run(['pkg-config', '--cflags-only-I', 'jsoncpp'], capture_output=True, text=True, check=True)
+    return [flag.replace('-I', '-isystem', 1) for flag in run.stdout.split()]
+
+
 def check_headers():
     """Each public header compiles alone, warning-free, with every compiler that is here."""
     flags = ['-std=c++17', '-fsyntax-only', '-Wall', '-Wextra', '-Wpedantic', '-Wshadow', '-Wconversion', '-Werror',
-             f'-I{ROOT}', '-x', 'c++']
+             f'-I{ROOT}', *jsoncpp_flags(), '-x', 'c++']
     for compiler in ('g++', 'clang++'):
         if subprocess.run(['which', compiler], capture_output=True).returncode != 0:
             print(f'{compiler} is not here, skipped')

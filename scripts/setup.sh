@@ -7,7 +7,7 @@ set -euo pipefail
 demo_packages=(
   g++ cmake ninja-build pkg-config ffmpeg
   libavcodec-dev libavfilter-dev libavformat-dev libavutil-dev libswresample-dev libswscale-dev
-  libcli11-dev libjpeg-dev libjsoncpp-dev libsqlite3-dev
+  libcli11-dev libcurl4-openssl-dev libjpeg-dev libjsoncpp-dev libsqlite3-dev libssl-dev
 )
 test_packages=(
   libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev valgrind shellcheck python3

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "platform/local/fd.h"
 
@@ -75,5 +77,30 @@ int WriteContentFromBufToFile(const char* data, unsigned int size, bool sync, co
   const int error = errno;
   unlink(temporary.c_str());
   errno = error;
+  return -1;
+}
+
+long long GetFileSize(const std::string& path) {
+  struct stat info = {};
+  if (path.find('\0') != std::string::npos || stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return -1;
+  return info.st_size;
+}
+
+std::string GetBaseName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
+}
+
+std::string GetDirPath(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return "";
+  const std::size_t last = path.find_last_not_of('/', slash);
+  return last == std::string::npos ? "/" : path.substr(0, last + 1);
+}
+
+int MakeDirIfNotExist(const std::string& path) {
+  std::error_code error = std::make_error_code(std::errc::invalid_argument);
+  if (path.find('\0') == std::string::npos) std::filesystem::create_directories(path, error);
+  if (!error) return 0;
+  errno = error.value();
   return -1;
 }

@@ -10,10 +10,10 @@ namespace {
 
 constexpr const char* kFile = "nvr.db";
 constexpr int kBusyTimeoutMs = 5000;
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
-// One transaction, so that a reader sees all tables or, by the version, none. A camera's events go with it: they must
-// not show up under a new camera of the same number.
+// One transaction, so that a reader sees all tables of a version or none of them; it also upgrades an older store. A
+// camera's events go with it: they must not show up under a new camera of the same number.
 constexpr const char* kSchema = R"sql(
 BEGIN IMMEDIATE;
 CREATE TABLE IF NOT EXISTS cameras (
@@ -35,7 +35,11 @@ CREATE TRIGGER IF NOT EXISTS camera_removed AFTER DELETE ON cameras
 BEGIN
   DELETE FROM events WHERE camera_id = OLD.id;
 END;
-PRAGMA user_version = 1;
+-- version 2
+CREATE TABLE IF NOT EXISTS archive_tasks (
+  id INTEGER PRIMARY KEY,
+  src_dir TEXT NOT NULL);
+PRAGMA user_version = 2;
 COMMIT;
 )sql";
 
@@ -65,8 +69,8 @@ Store::State Store::Open(Access access) {
 
   const int version = SchemaVersion(*this);
   if (version == kSchemaVersion) return State::kOpen;
-  if (version != 0) return State::kFailed;
-  if (!write) return State::kEmpty;
+  if (version < 0 || version > kSchemaVersion) return State::kFailed;
+  if (!write) return version == 0 ? State::kEmpty : State::kOpen;  // an older store lacks tables, no more
   return sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK ? State::kOpen : State::kFailed;
 }
 

@@ -9,6 +9,13 @@
 
 namespace local {
 
+struct SqliteFree {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+template <typename T>
+using SqlitePtr = std::unique_ptr<T, SqliteFree>;
+
 class Store {
  public:
   enum class Access { kRead, kWrite };
@@ -27,13 +34,9 @@ class Store {
   int ChangedRows() const { return sqlite3_changes(m_db.get()); }
 
  private:
-  struct Closer {
-    void operator()(sqlite3* db) const { sqlite3_close(db); }
-  };
-
   State Open(Access access);
 
-  std::unique_ptr<sqlite3, Closer> m_db;
+  SqlitePtr<sqlite3> m_db;
   State m_state;
 };
 
@@ -58,13 +61,9 @@ class Statement {
   std::vector<unsigned char> GetBlob(int column) const;
 
  private:
-  struct Finalizer {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-  };
-
   bool CanBind() { return m_result == SQLITE_OK; }
 
-  std::unique_ptr<sqlite3_stmt, Finalizer> m_statement;
+  SqlitePtr<sqlite3_stmt> m_statement;
   int m_result;
   int m_boundCount = 0;
 };

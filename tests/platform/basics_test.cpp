@@ -1,6 +1,8 @@
 // Text and time.
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "platform/text.h"
 #include "platform/time.h"
 
@@ -11,6 +13,21 @@ TEST(TextTest, Split) {
       {"", ";", {}},    {"abc", ";", {"abc"}}, {"a;;b", ";", {"a", "", "b"}}, {"a;b;", ";", {"a", "b"}},
       {";", ";", {""}}, {";;", ";", {"", ""}}, {"a---b", "--", {"a", "-b"}},  {"a;b", "", {"a;b"}}};
   for (const auto& [text, separator, pieces] : cases) EXPECT_EQ(String2StrVector(text, separator), pieces) << text;
+}
+
+TEST(TextTest, PrintfOfAnyLengthKeepsErrno) {
+  errno = ERANGE;
+  EXPECT_EQ(StringPrintf("task%d.db %s %%", -7, "x"), "task-7.db x %");
+  EXPECT_EQ(StringPrintf("%*s", 300000, "x"), std::string(299999, ' ') + "x");
+  EXPECT_EQ(StringPrintf("%lc", static_cast<wint_t>(0x110000)), "") << "no such character";
+  EXPECT_EQ(errno, ERANGE);
+}
+
+TEST(TextTest, Replace) {
+  EXPECT_EQ(StringReplaceSymbol("/s/a/s/b", "/s", "r/", false), "r//a/s/b");
+  EXPECT_EQ(StringReplaceSymbol("aaaab", "aa", "aaa", true), "aaaaaab");
+  EXPECT_EQ(StringReplaceSymbol("a.a", "a", "", true) + StringReplaceSymbol("abc", "d", "x", true), ".abc");
+  EXPECT_EQ(StringReplaceSymbol("abc", "", "x", true) + StringReplaceSymbol("", "a", "x", true), "abc");
 }
 
 TEST(TimeTest, USecToSecTruncates) {
