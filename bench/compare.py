@@ -13,7 +13,7 @@ import tempfile
 from pathlib import Path
 
 SIDES = ("library", "floor")
-SECTIONS = ("count", "time", "process")
+SECTIONS = ("count", "time", "process", "upload")
 
 # What an operation may cost in user-space instructions: as a ratio to the floor, and on its own for log calls. A masked
 # picture by the image route goes through RGBA and YUV, whose pixels are its result; the floor paints into RGB.
@@ -31,6 +31,7 @@ LOOP = "log/loop"  # the empty loop around the log calls, taken off them
 COUNTED_LOG_CALLS = 10000
 TIMED_LOG_CALLS = 5000000
 TIMED_MICROSECONDS = 300000  # of one timed run
+UPLOAD_MEBIBYTES = 1024
 
 
 class Failure(Exception):
@@ -158,16 +159,23 @@ def process_commands(tool, source, out):
     return commands
 
 
+def run_measured(command):
+    """Output, CPU seconds and peak resident megabytes of one run; the output is None when it fails."""
+    with subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL, text=True) as process:
+        output = process.stdout.read()
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+    return output if process.returncode == 0 else None, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
+
+
 def measure_process(command, out):
     """CPU seconds and peak resident megabytes of one run; None when it makes no picture."""
     out.unlink(missing_ok=True)
-    with subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL) as process:
-        _, status, usage = os.wait4(process.pid, 0)
-        process.returncode = os.waitstatus_to_exitcode(status)
-    if process.returncode != 0 or not out.is_file() or out.stat().st_size == 0:
+    output, cpu, resident = run_measured(command)
+    if output is None or not out.is_file() or out.stat().st_size == 0:
         return None
-    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
+    return cpu, resident
 
 
 def compare_processes(tool, inputs, rounds):
@@ -197,6 +205,49 @@ def compare_processes(tool, inputs, rounds):
                 ["program", "CPU", "to mediautil", "peak resident"], rows)
 
 
+def upload_commands(program, file, port):
+    """One upload each, by label. What they print begins with the upload's seconds of CPU, - for unknown, and time."""
+    url = f"http://127.0.0.1:{port}/?fileSize={file.stat().st_size}"
+    return {
+        "library": [program, "send", "library", file, port],
+        "read and send": [program, "send", "floor", file, port],
+        "curl -T": ["curl", "-sSf", "-o", os.devnull, "-w", "- %{time_total}", "-X", "POST", "-H", "Expect:", "-T",
+                    file, url],
+    }
+
+
+def compare_uploads(program, folder, rounds):
+    file = folder / "upload"
+    block = os.urandom(1 << 20)
+    with open(file, "wb") as out:
+        for _ in range(UPLOAD_MEBIBYTES):
+            out.write(block)
+    with subprocess.Popen([program, "serve"], stdout=subprocess.PIPE, text=True) as sink:
+        try:
+            commands = upload_commands(program, file, sink.stdout.readline().strip())
+            runs = {label: [] for label, command in commands.items() if shutil.which(str(command[0]))}
+            for label in list(runs) * (rounds + 1):  # the first round warms the page cache
+                output, cpu, resident = run_measured(commands[label])
+                if output is None:
+                    raise Failure(f"uploading with {label} failed")
+                own, seconds = output.split()[:2]
+                runs[label].append((cpu if own == "-" else float(own), cpu, float(seconds), resident))
+        finally:
+            sink.kill()
+    file.unlink()
+    rows = []
+    for label in commands:
+        if label not in runs:
+            rows.append([label, "not installed", "", "", "", ""])
+            continue
+        own, cpu, seconds, resident = (statistics.median(values) for values in zip(*runs[label][1:]))
+        ratios = [run[0] / floor[0] for run, floor in zip(runs[label][1:], runs["read and send"][1:])]
+        rows.append([label, f"{own:.2f} s", f"{cpu:.2f} s", f"{statistics.median(ratios):.2f}",
+                     f"{UPLOAD_MEBIBYTES * 1.048576 / seconds:.0f}", f"{resident:.0f} MB"])
+    print_table(f"Upload of 1 GiB over the loopback to the same receiver, medians of {rounds} rounds",
+                ["program", "CPU", "with start-up", "ratio", "MB/s", "peak resident"], rows)
+
+
 def find_workloads(programs, only):
     """The workloads whose name matches; the empty loop comes along with the log calls."""
     workloads = []
@@ -210,7 +261,8 @@ def find_workloads(programs, only):
 def parse_arguments():
     parser = argparse.ArgumentParser(description="Measures the library against its floor and against public programs.")
     parser.add_argument("sections", nargs="*", metavar="SECTION",
-                        help=f"{', '.join(SECTIONS)}: instructions, CPU times, whole processes; all without one")
+                        help=f"{', '.join(SECTIONS)}: instructions, CPU times, whole processes, uploads; all "
+                             "without one")
     parser.add_argument("--bin", type=Path, default=Path(__file__).resolve().parents[1] / "build/release/bin",
                         help="folder of the benchmark programs (build/release/bin)")
     parser.add_argument("--only", default="", metavar="REGEX", help="only workloads whose name matches")
@@ -229,16 +281,14 @@ def parse_arguments():
     return arguments
 
 
-def compare(arguments, inputs):
+def compare_with_floor(arguments, inputs):
+    """The names that exceed their goal."""
     pictures = arguments.bin / "mediautil_bench"
     containers = arguments.bin / "mediautil_bench_container"
-    log_calls = arguments.bin / "mediautil_bench_log"
-    for program in (pictures, containers, log_calls):
-        if not program.is_file():
-            raise Failure(f"{program} is missing: build with -DMEDIAUTIL_BENCH=ON, or name its folder with --bin")
     for program in (pictures, containers):
         run([program, "--make-inputs", inputs])
-    programs = [[pictures, "--inputs", inputs], [containers, "--inputs", inputs], [log_calls]]
+    programs = [[pictures, "--inputs", inputs], [containers, "--inputs", inputs],
+                [arguments.bin / "mediautil_bench_log"]]
     for program in programs:
         run([*program, "--check"])
 
@@ -256,6 +306,19 @@ def compare(arguments, inputs):
         time_in_turn(workloads, arguments.rounds)
     if "process" in arguments.sections:
         compare_processes(arguments.bin / "mediautil", inputs, arguments.rounds)
+    return above
+
+
+def compare(arguments, folder):
+    for name in ("mediautil_bench", "mediautil_bench_container", "mediautil_bench_log", "mediautil_bench_upload"):
+        if not (arguments.bin / name).is_file():
+            raise Failure(f"{arguments.bin / name} is missing: build with -DMEDIAUTIL_BENCH=ON, or name its folder "
+                          "with --bin")
+    above = compare_with_floor(arguments, folder) if arguments.sections != ["upload"] else []
+    if "upload" in arguments.sections:
+        uploads = arguments.bin / "mediautil_bench_upload"
+        run([uploads, "check"])
+        compare_uploads(uploads, folder, arguments.rounds)
     if above:
         print(f"\nAbove the goal: {', '.join(above)}")
     return 1 if above and arguments.gate else 0

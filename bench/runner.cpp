@@ -1,12 +1,13 @@
 #include "bench/runner.h"
 
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
+
+#include "bench/usage.h"
 
 // The calls that count: a profiler that collects inside this function sees neither start-up nor warm-up.
 extern "C" __attribute__((noinline)) void CountedRun(const std::function<void(int)>& run, int times);
@@ -19,15 +20,6 @@ namespace {
 
 const std::string kLibrary = "/library";
 const std::string kFloor = "/floor";
-
-double CpuMicroseconds() {
-  rusage usage = {};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto microseconds = [](const timeval& t) {
-    return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_usec);
-  };
-  return microseconds(usage.ru_utime) + microseconds(usage.ru_stime);
-}
 
 void List(const std::vector<Workload>& workloads) {
   for (const Workload& workload : workloads) {

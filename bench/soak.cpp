@@ -1,14 +1,13 @@
 // A long export: does the muxer's memory stay what it was after ten minutes?
 #include <malloc.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 
 #include "bench/clip.h"
+#include "bench/usage.h"
 #include "utils/ffmpegmuxer.h"
 
 namespace {
@@ -25,16 +24,6 @@ void Require(bool ok, const char* step) {
   if (!ok) {
     throw std::runtime_error(std::string(step) + " failed");
   }
-}
-
-// Bytes of this process in memory.
-std::int64_t Resident() {
-  std::ifstream statm("/proc/self/statm");
-  std::int64_t total = 0;
-  std::int64_t resident = 0;
-  statm >> total >> resident;
-  Require(!statm.fail() && resident > 0, "reading /proc/self/statm");
-  return resident * sysconf(_SC_PAGESIZE);
 }
 
 struct Export {
@@ -70,7 +59,7 @@ Export Run(const bench::Clip& clip, int hours) {
         Require(muxer.WriteVdoFrame(frame.data(), Size(frame), kStart + time, bench::IsKey(i)) == 0, "WriteVdoFrame");
         ++result.videoFrames;
         if (time == kWarmUp) {
-          result.residentEarly = Resident();
+          result.residentEarly = bench::ResidentBytes();
         }
       },
       [&](std::int64_t i, std::int64_t time) {
@@ -78,7 +67,7 @@ Export Run(const bench::Clip& clip, int hours) {
         Require(muxer.WriteAdoFrame(frame.data(), Size(frame), kStart + time) == 0, "WriteAdoFrame");
         ++result.soundFrames;
       });
-  result.residentLate = Resident();  // with everything still open
+  result.residentLate = bench::ResidentBytes();  // with everything still open
   muxer.Finalize();
   return result;
 }
