@@ -66,22 +66,28 @@ int ResultOfCode(int code) {
   }
 }
 
-// Reads the reply. The web API error code, 0 without one; 100 for an error that cannot be read. acknowledged: whether
-// it says that all is well, which a reply that is no JSON object does not.
+// The web API error code of a reply, 0 without one; 100 for an error that cannot be read. reply: null without JSON.
+int GetErrorCode(const std::string& text, Json::Value& reply) {
+  if (JsonParse(text, reply, false, true) != 0 || !reply.isObject() || !reply.isMember("error")) {
+    return 0;
+  }
+  const bool isReadable =
+      VyJson::Validate("{type: object, required: {error: {type: object, required: {code: int}}}}", reply) == 0 &&
+      reply["error"]["code"].isInt();
+  return isReadable ? reply["error"]["code"].asInt() : 100;
+}
+
+// Reads the reply and gives its error code. acknowledged: whether it says that all is well, which a reply that is no
+// JSON object does not.
 int ReadErrorCode(VyNet::VyHttpClient& client, bool& acknowledged) {
   const std::string text = client.GetResp();
   Json::Value reply;
-  acknowledged = JsonParse(text, reply, false, true) == 0 && reply.isObject() && !reply.isMember("error") &&
-                 reply.get("success", true) != Json::Value(false);
-  if (!reply.isObject() || !reply.isMember("error")) {
-    return 0;
+  const int code = GetErrorCode(text, reply);
+  const bool hasError = reply.isObject() && reply.isMember("error");
+  acknowledged = reply.isObject() && !hasError && reply.get("success", true) != Json::Value(false);
+  if (hasError) {
+    VY_LOG(LOG_LEVEL_NOTE, "Get error message[%s]\n", text.c_str());
   }
-  int code = 100;
-  if (VyJson::Validate("{type: object, required: {error: {type: object, required: {code: int}}}}", reply) == 0 &&
-      reply["error"]["code"].isInt()) {
-    code = reply["error"]["code"].asInt();
-  }
-  VY_LOG(LOG_LEVEL_NOTE, "Get error message[%s]\n", text.c_str());
   return code;
 }
 
@@ -148,12 +154,16 @@ std::string Render(Json::Value request, const std::string& sid, const std::strin
   return JsonToStrPair(request, true, true) + authContent;
 }
 
-// The reply does not matter. Negative on failure.
-int Post(const std::string& host, int port, const std::string& body, const std::string& cookie, bool https) {
-  std::string reply;
-  WriteText writer(reply);
-  return SendHttpPostAndGetResult<WriteText>(host, port, kCgiPath, body, cookie, writer, https, kDirTimeout, true,
-                                             HTTP_VERSION_DEFAULT);
+// Negative on failure; a refusal is none. errorCode: that of the reply.
+int Post(const std::string& host, int port, const std::string& body, const std::string& cookie, bool https,
+         int& errorCode) {
+  std::string text;
+  WriteText writer(text);
+  const int status = SendHttpPostAndGetResult<WriteText>(host, port, kCgiPath, body, cookie, writer, https, kDirTimeout,
+                                                         true, HTTP_VERSION_DEFAULT);
+  Json::Value reply;
+  errorCode = GetErrorCode(text, reply);
+  return status;
 }
 
 struct CloseFile {
@@ -382,7 +392,7 @@ int WebapiSender::CreateRemoteDir(const std::list<std::string>& dirs, const std:
   request["overwrite"] = overwrite;
   const std::string body = Render(std::move(request), m_strSid, m_strHostAuthContent);
   VY_LOG(LOG_LEVEL_INFO, "Msg = %s\n", body.c_str());
-  VY_FAIL_IF(Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps) < 0, -1, LOG_LEVEL_ERR,
+  VY_FAIL_IF(Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, m_iErrorCode) < 0, -1, LOG_LEVEL_ERR,
              "CreateRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort, body.c_str(),
              m_strHostCookie.c_str());
   return 0;
@@ -396,7 +406,7 @@ int WebapiSender::MoveRemoteDir(const std::string& fromDir, const std::string& t
   request["toDir"] = toDir;
   const std::string body = Render(std::move(request), m_strSid, m_strHostAuthContent);
   VY_LOG(LOG_LEVEL_INFO, "Msg = %s\n", body.c_str());
-  VY_FAIL_IF(Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps) < 0, -1, LOG_LEVEL_ERR,
+  VY_FAIL_IF(Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, m_iErrorCode) < 0, -1, LOG_LEVEL_ERR,
              "MoveRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort, body.c_str(),
              m_strHostCookie.c_str());
   return 0;

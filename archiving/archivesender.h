@@ -76,7 +76,8 @@ class VY_API WebapiSender : public ArchiveSender {
   // an error and without "success" false.
   bool LastFileDelivered() const { return m_blDelivered; }
 
-  // The web API error code that the remote answered the last file with; 0 without one.
+  // The web API error code that the remote answered the last file, or a later request about directories, with; 0
+  // without one.
   int LastErrorCode() const { return m_iErrorCode; }
 
  protected:
