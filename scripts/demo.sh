@@ -8,6 +8,7 @@ build=$top/build/demo
 out=$top/demo
 page=$out/index.html
 program=$build/bin/mediautil
+receiver=$build/bin/mediautil-testserver
 
 usage() {
   echo "usage: demo.sh [RECORDING] [--clean]" >&2
@@ -94,6 +95,30 @@ video_section() {
   printf '<p>%s</p>\n' "$(printf %s "$words" | escape)" >>"$page"
 }
 
+# push_section TITLE TEXT ARGUMENT...: shows what the program says and what then stands in the receiver's store.
+push_section() {
+  heading "$@"
+  shift 2
+  {
+    printf '<pre>'
+    MEDIAUTIL_PASSWORD=secret "$program" "$@" 2>&1 | escape
+    printf '</pre>\n<p>The receiver has now:</p>\n<pre>'
+    find received -type f -printf '%P, %s bytes\n' | sort | escape
+    printf '</pre>\n'
+  } >>"$page"
+}
+
+# Starts the receiver of the pushes; it ends with this script.
+start_receiver() {
+  : >receiver.log
+  "$receiver" --store received >receiver.log &
+  local pid=$!
+  # shellcheck disable=SC2064  # the number is known now
+  trap "kill $pid" EXIT
+  until grep -q listening receiver.log; do kill -0 "$pid" && sleep 0.1; done
+  port=$(sed -n 's/^listening on //p' receiver.log)
+}
+
 # ---------------------------------------------------------------------------------------------------------------------
 
 recording=
@@ -116,8 +141,9 @@ fi
 
 "$top/scripts/setup.sh" demo
 cd "$top"
-quietly "Configuring" cmake --preset release -B "$build" -DMEDIAUTIL_BENCH=OFF -DMEDIAUTIL_TESTS=OFF
-quietly "Building" cmake --build "$build" --target mediautil_tool
+quietly "Configuring" cmake --preset release -B "$build" -DMEDIAUTIL_BENCH=OFF -DMEDIAUTIL_TESTS=OFF \
+  -DMEDIAUTIL_TESTSERVER=ON
+quietly "Building" cmake --build "$build" --target mediautil_tool mediautil_testserver
 
 rm -rf "$out"
 mkdir -p "$out"
@@ -145,4 +171,14 @@ picture_section "Masked snapshot" "Two privacy regions: the upper left quarter a
 picture_section "Event thumbnail" "The size that event lists show." thumbnail.jpg thumbnail "$name"
 picture_section "Event preview" "Twice that size." preview.jpg thumbnail "$name" --preview
 video_section "Export" "The recording as fragmented MP4; its video is copied as it is." export.mp4 export "$name"
+
+start_receiver
+remote=(--host 127.0.0.1 --port "$port" --account admin)
+mkdir -p 'day/events of gate 1'
+cp first.jpg later.jpg day
+cp thumbnail.jpg preview.jpg 'day/events of gate 1'
+push_section "Push of a recording" "To the receiver of the tests, which runs on this machine meanwhile." \
+  push "$name" "${remote[@]}" --dest archive/gate
+push_section "Push of a directory" "It gets its name on the remote when all of it is there." \
+  push day "${remote[@]}" --dest archive/day --tmp-dir
 echo "Done: $page"

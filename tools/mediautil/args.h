@@ -17,6 +17,8 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 constexpr int kBadInput = 3;
+constexpr int kRefused = 4;
+constexpr int kNotLoggedIn = 5;
 constexpr int kInterrupted = 130;
 
 // What a command line asks for; returns the exit code.
@@ -27,6 +29,7 @@ void AddProbe(CLI::App& app, Action& action);
 void AddSnapshot(CLI::App& app, Action& action);
 void AddThumbnail(CLI::App& app, Action& action);
 void AddExport(CLI::App& app, Action& action);
+void AddPush(CLI::App& app, Action& action);
 void AddLogLevel(CLI::App& app, Action& action);
 
 // ---------------------------------------------------------------------------------------------------------------------

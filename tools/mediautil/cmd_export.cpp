@@ -7,6 +7,7 @@
 #include "tools/mediautil/args.h"
 #include "tools/mediautil/exporter.h"
 #include "tools/mediautil/keyframe.h"
+#include "tools/mediautil/stopsignals.h"
 #include "utils/mpeg4util.h"
 
 extern "C" {
@@ -27,7 +28,6 @@ struct ExportArgs {
   bool codecs = false;
 };
 
-constexpr const char* kPlainFlag = "true";                 // what the parser stores for a flag without a value
 constexpr const char* kFormats[] = {"mp4", "mp3", "flv"};  // in the order of FFMPEG_MUXER_FORMAT
 
 std::string CodecName(const ESFormat& fmt) {
@@ -267,10 +267,7 @@ void AddExport(CLI::App& app, Action& action) {
   command->add_option("--audio", args->audio, "copy, mp3, aac or none; else copy for AAC, mp3 for others")
       ->type_name("A")
       ->check(CLI::IsMember({"copy", "mp3", "aac", "none"}).description(""));
-  command->add_flag("--progress", args->progress, "even with -q on a terminal; =json: JSON lines, always")
-      ->check([](const std::string& form) {
-        return form == kPlainFlag || form == "json" ? "" : "not a form of progress: " + form;
-      });
+  AddProgressOption(*command, args->progress);
   command->add_flag("--codecs", args->codecs, "print the MIME type for a browser, write nothing");
   command->footer(
       "Examples:\n  mediautil export gate.mkv -o gate.mp4 --from 60 --to 90\n"

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tools/mediautil/args.h"
+#include "tools/mediautil/stopsignals.h"
 
 extern "C" {
 #include <libavcodec/packet.h>

@@ -74,13 +74,14 @@ int FailUsage(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app("Pictures and facts from the recordings of a network video recorder.", "mediautil");
+  CLI::App app("Pictures, exports and pushes of the recordings of a network video recorder.", "mediautil");
   LogArgs log;
   Action action;
   AddProbe(app, action);
   AddSnapshot(app, action);
   AddThumbnail(app, action);
   AddExport(app, action);
+  AddPush(app, action);
   AddLogLevel(app, action);
   AddLogOptions(app, log);
   for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
@@ -90,7 +91,8 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", "mediautil " MEDIAUTIL_VERSION);
   app.require_subcommand(1);
   app.footer(
-      "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 input unreadable or not media, 130 interrupted.\n\n"
+      "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 input unreadable or not media, 4 refused by the remote,\n"
+      "5 not logged in, 130 interrupted.\n\n"
       "Examples:\n  mediautil probe gate.mp4\n  mediautil snapshot gate.mp4 -o gate.jpg --at 12.5");
   try {
     app.parse(argc, argv);

@@ -5,18 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 
 #include "tools/mediautil/args.h"
+#include "tools/mediautil/stopsignals.h"
 
 namespace {
-
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
-volatile std::sig_atomic_t g_seen = 0;
-struct sigaction g_before[sizeof(kSignals) / sizeof(kSignals[0])];
 
 std::string DirectoryOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -24,28 +20,6 @@ std::string DirectoryOf(const std::string& path) {
 }
 
 }  // namespace
-
-StopSignals::StopSignals() {
-  struct sigaction noted = {};
-  noted.sa_handler = [](int) { g_seen = 1; };
-  noted.sa_flags = 0;  // no restart: a write that waits for its reader ends
-  for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-    sigaction(kSignals[i], nullptr, &g_before[i]);
-    if (g_before[i].sa_handler != SIG_IGN) {
-      sigaction(kSignals[i], &noted, nullptr);
-    }
-  }
-}
-
-StopSignals::~StopSignals() {
-  for (std::size_t i = 0; i < std::size(kSignals); ++i) {
-    sigaction(kSignals[i], &g_before[i], nullptr);
-  }
-}
-
-bool StopSignals::Seen() {
-  return g_seen != 0;
-}
 
 OutputFile::~OutputFile() {
   if (!m_temporary.empty()) {

@@ -1,19 +1,8 @@
-// The output of a command whose result does not fit into memory, and the signals that end the work early.
+// The output of a command whose result does not fit into memory.
 #pragma once
 
 #include <cstdint>
 #include <string>
-
-// While one lives, Ctrl-C and its like are only noted.
-class StopSignals {
- public:
-  StopSignals();
-  ~StopSignals();
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-
-  static bool Seen();
-};
 
 // A file that takes its name, and an older file's place, when it is complete; or stdout for "-".
 class OutputFile {

@@ -3,6 +3,7 @@
 #include <json/json.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 
@@ -13,8 +14,16 @@ namespace {
 constexpr int kSchema = 1;
 constexpr auto kPause = std::chrono::milliseconds(200);
 constexpr auto kShortWork = std::chrono::seconds(1);
+constexpr const char* kPlainFlag = "true";  // what the parser stores for a flag without a value
 
 }  // namespace
+
+void AddProgressOption(CLI::App& command, std::string& option) {
+  command.add_flag("--progress", option, "even with -q on a terminal; =json: JSON lines, always")
+      ->check([](const std::string& form) {
+        return form == kPlainFlag || form == "json" ? "" : "not a form of progress: " + form;
+      });
+}
 
 ProgressForm ChooseProgress(const std::string& option) {
   if (option == "json") {
@@ -24,7 +33,7 @@ ProgressForm ChooseProgress(const std::string& option) {
   return wanted && isatty(STDERR_FILENO) != 0 ? ProgressForm::Text : ProgressForm::None;
 }
 
-Progress::Progress(ProgressForm form, double total) : m_form(form), m_total(total) {
+Progress::Progress(ProgressForm form, double total, ProgressUnit unit) : m_form(form), m_total(total), m_unit(unit) {
   m_next = m_begin + (form == ProgressForm::Text ? Clock::duration(kShortWork) : Clock::duration(kPause));
 }
 
@@ -65,12 +74,17 @@ double Progress::Left(double done, double rate) const {
 }
 
 void Progress::ShowText(double done, double rate) {
+  const bool isBytes = m_unit == ProgressUnit::Bytes;
+  const double scale = isBytes ? 1e6 : 1;
+  const char* unit = isBytes ? "MB" : "s";
+  const char* rateUnit = isBytes ? " MB/s" : "x";
   char text[120];
   if (const double left = Left(done, rate); left >= 0) {
-    std::snprintf(text, sizeof(text), "%3.0f %%, %.0f of %.0f s, %.1fx, %.0f s left",
-                  std::min(100 * done / m_total, 100.0), done, m_total, rate, left);
+    std::snprintf(text, sizeof(text), "%3.0f %%, %.0f of %.0f %s, %.1f%s, %.0f s left",
+                  std::min(100 * done / m_total, 100.0), done / scale, m_total / scale, unit, rate / scale, rateUnit,
+                  left);
   } else {
-    std::snprintf(text, sizeof(text), "%.0f s, %.1fx", done, rate);
+    std::snprintf(text, sizeof(text), "%.0f %s, %.1f%s", done / scale, unit, rate / scale, rateUnit);
   }
   const std::string line = text;
   std::fprintf(stderr, "\r%-*s", static_cast<int>(m_width), text);

@@ -4,18 +4,23 @@
 #include <chrono>
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 enum class ProgressForm { None, Text, Json };
+enum class ProgressUnit { Seconds, Bytes };  // seconds of recording
 
 class Progress {
  public:
-  // total: seconds of recording, 0 when not known.
-  Progress(ProgressForm form, double total);
+  // total: 0 when not known.
+  Progress(ProgressForm form, double total, ProgressUnit unit = ProgressUnit::Seconds);
   // Clears the line.
   ~Progress() { Hide(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // done: seconds of recording. At most 5 times a second, and on a terminal only after the first second, it shows.
+  // At most 5 times a second, and on a terminal only after the first second, it shows.
   void Update(double done);
 
   // Clears the line until the next update, so that a message can stand there.
@@ -34,10 +39,13 @@ class Progress {
 
   ProgressForm m_form;
   double m_total;
+  ProgressUnit m_unit;
   Clock::time_point m_begin = Clock::now();
   Clock::time_point m_next;
   std::size_t m_width = 0;  // of the line that is shown
 };
+
+void AddProgressOption(CLI::App& command, std::string& option);
 
 // Text needs a terminal and a user who did not ask for quiet; JSON was asked for.
 ProgressForm ChooseProgress(const std::string& option);
