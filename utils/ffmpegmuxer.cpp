@@ -20,7 +20,6 @@
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/mathematics.h>
-#include <libavutil/samplefmt.h>
 }
 
 using mediautil::FfPtr;
@@ -34,9 +33,6 @@ constexpr AVRational kMicroseconds = {1, 1000000};
 // The sound that other codecs than AAC are encoded to.
 constexpr int kEncodedRate = 32000;
 constexpr int kEncodedBitRate = 32000;
-
-// Conversions that the stated size of the conversion buffer makes room for.
-constexpr int kConvertedFrames = 64;
 
 // AVFormatContext::opaque of a muxer's context until its header is written: FFmpeg would crash on a packet before that.
 constexpr char kNoHeader = 0;
@@ -502,21 +498,16 @@ int AdoStreamPriv::InitEncodeHandler(AVStream* st) {
              "Error params, st[%p], Contex[%p].\n", static_cast<const void*>(st),
              static_cast<const void*>(m_codecCtx.get()));
   const AVCodecContext& enc = *m_codecCtx;
-  VY_FAIL_IF(!m_resampler.SetUp(mediautil::ShapeOf(*decoder), mediautil::ShapeOf(enc)), -1, LOG_LEVEL_ERR,
-             "Failed to init SwrContext[%p].\n", static_cast<const void*>(m_resampler.Context()));
-  const bool isMergerReady = m_merger.SetUp(enc.sample_fmt, enc.ch_layout.nb_channels, enc.frame_size);
-  const std::int64_t size = std::int64_t{m_merger.FrameBytes()} * enc.sample_rate / decoder->sample_rate;
-  m_convertedSize = static_cast<int>(std::min<std::int64_t>(size * kConvertedFrames, INT_MAX / 2));
-  VY_FAIL_IF(!m_converted.SetFormat(enc.sample_fmt, enc.ch_layout.nb_channels), -1, LOG_LEVEL_ERR,
-             "Failed to malloc out buffer, size[%d].\n", m_convertedSize);
-  VY_FAIL_IF(!isMergerReady, -1, LOG_LEVEL_ERR, "Failed to malloc out merge buffer, size[%d].\n", m_convertedSize * 2);
+  VY_FAIL_IF(!m_gatherer.SetUpResampler(mediautil::ShapeOf(*decoder), mediautil::ShapeOf(enc)), -1, LOG_LEVEL_ERR,
+             "Failed to init SwrContext[%p].\n", static_cast<const void*>(m_gatherer.Context()));
+  const bool areBuffersReady = m_gatherer.SetUpBuffers(enc);
+  m_gatherer.SetCapacity(std::int64_t{m_gatherer.FrameBytes()} * enc.sample_rate / decoder->sample_rate);
+  VY_FAIL_IF(!areBuffersReady, -1, LOG_LEVEL_ERR, "Failed to malloc out buffer, size[%d].\n", m_gatherer.Capacity());
   return 0;
 }
 
 void AdoStreamPriv::FreeEncodeHandler() {
-  m_merger.Free();
-  m_converted.Free();
-  m_resampler.Free();
+  m_gatherer.Free();
 }
 
 int AdoStreamPriv::Write(AVFormatContext* oc, unsigned char* buf, int size, long long ptsUs, bool) {
@@ -562,45 +553,32 @@ int AdoStreamPriv::WriteAdoViaEncode(AVFormatContext* oc, AVStream* st, unsigned
 }
 
 bool AdoStreamPriv::InitEncodeFrame(AVFrame* out, const AVCodecContext* enc, const AVFrame* in) {
-  VY_FAIL_IF(!m_resampler.Follow(mediautil::ShapeOf(*in)), false, LOG_LEVEL_ERR, "Failed to init SwrContext[%p].\n",
-             static_cast<const void*>(m_resampler.Context()));
-  const std::int64_t room = m_resampler.MaxOutput(in->nb_samples);
-  VY_FAIL_IF(!m_converted.Reserve(room), false, LOG_LEVEL_ERR, "Failed to malloc out buffer, size[%d].\n",
-             m_convertedSize);
-  const int converted = m_resampler.Convert(m_converted.Planes(), static_cast<int>(room), *in);
-  out->nb_samples = std::max(converted, 0);
-  out->format = enc->sample_fmt;
-  out->sample_rate = enc->sample_rate;
-  std::copy_n(m_converted.Planes(), m_converted.PlaneCount(), out->data);
-  return av_channel_layout_copy(&out->ch_layout, &enc->ch_layout) >= 0;
+  using Outcome = mediautil::SoundGatherer::Outcome;
+  const Outcome outcome = m_gatherer.Convert(mediautil::ShapeOf(*in), *in, *enc, *out);
+  VY_FAIL_IF(outcome == Outcome::kNoResampler, false, LOG_LEVEL_ERR, "Failed to init SwrContext[%p].\n",
+             static_cast<const void*>(m_gatherer.Context()));
+  VY_FAIL_IF(outcome == Outcome::kNoMemory, false, LOG_LEVEL_ERR, "Failed to malloc out buffer, size[%d].\n",
+             m_gatherer.Capacity());
+  return true;
 }
 
 int AdoStreamPriv::DoEncode(AVFormatContext* oc, AVStream* st, AVFrame* frame) {
   if (frame->nb_samples < 1) {
     return 0;
   }
-  VY_FAIL_IF(!m_merger.Append(frame->data, frame->nb_samples), -1, LOG_LEVEL_ERR,
-             "Failed to malloc out merge buffer, size[%d].\n", m_convertedSize * 2);
-  const FfPtr<AVPacket> packet(av_packet_alloc());
-  int result = packet == nullptr ? -1 : 0;
-  while (result == 0 && m_merger.Next(*frame)) {
-    bool gotPacket = false;
-    const int ret = mediautil::EncodeFrame(m_codecCtx.get(), frame, packet.get(), gotPacket, [&](AVPacket* encoded) {
-      result = WriteEncoded(oc, st, encoded) ? 0 : -1;
-      return result == 0;
-    });
-    if (ret < 0) {
-      VY_LOG(LOG_LEVEL_ERR, "Failed to encode data, GotPacket[%d].\n", gotPacket ? 1 : 0);
-      result = -1;
-    }
-  }
-  m_merger.KeepAtMost(m_convertedSize * 2);  // what a call that failed leaves
-  return result;
+  VY_FAIL_IF(!m_gatherer.Append(*frame), -1, LOG_LEVEL_ERR, "Failed to malloc out merge buffer, size[%d].\n",
+             m_gatherer.Capacity() * 2);
+  bool gotPacket = false;
+  bool isWritten = true;
+  const int ret = m_gatherer.Encode(m_codecCtx.get(), frame, st, gotPacket, [&](AVPacket* packet) {
+    isWritten = WriteEncoded(oc, packet);
+    return isWritten;
+  });
+  VY_FAIL_IF(ret < 0, -1, LOG_LEVEL_ERR, "Failed to encode data, GotPacket[%d].\n", gotPacket ? 1 : 0);
+  return isWritten ? 0 : -1;
 }
 
-bool AdoStreamPriv::WriteEncoded(AVFormatContext* oc, const AVStream* st, AVPacket* packet) {
-  packet->stream_index = st->index;
-  packet->duration = av_rescale_q(packet->duration, {1, kEncodedRate}, st->time_base);
+bool AdoStreamPriv::WriteEncoded(AVFormatContext* oc, AVPacket* packet) {
   VY_FAIL_IF(m_ctrler.WritePkt(oc, packet) < 0, false, LOG_LEVEL_ERR, "Error while writing audio frame.\n");
   m_ctrler.AfterWriteAdo(oc);
   return true;

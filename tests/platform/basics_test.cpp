@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "platform/text.h"
 #include "platform/time.h"
@@ -33,6 +34,13 @@ TEST(TextTest, Replace) {
 TEST(TimeTest, USecToSecTruncates) {
   EXPECT_EQ(USecToSec(1999999), 1);
   EXPECT_EQ(USecToSec(-1999999), -1);
+}
+
+TEST(TimeTest, MonotonicTimestampIsTheSystemsClock) {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const auto microseconds = now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+  EXPECT_NEAR(static_cast<double>(GetMonotonicTimestamp() - microseconds), 10e6, 10e6);
 }
 
 }  // namespace

@@ -80,6 +80,12 @@ std::vector<std::string> LogCapture::Messages() const {
   return messages;
 }
 
+std::string LogCapture::Text() const {
+  std::string text;
+  for (const std::string& message : Messages()) text += message;
+  return text;
+}
+
 void LogCapture::Clear() {
   const std::lock_guard<std::mutex> guard(g_mutex);
   g_lines.clear();

@@ -26,6 +26,7 @@ class LogCapture {
   std::vector<LogLine> FfmpegLines() const;
   // "ERR|text" of each line, newlines included.
   std::vector<std::string> Messages() const;
+  std::string Text() const;  // the messages in one
   void Clear();
 
   // The configuration that the library sees; Detach takes it away.

@@ -33,6 +33,9 @@ void Decode(AVCodecContext* ctx, const AVPacket* packet, Track& track) {
       track.pictures.push_back(std::move(frame));
     } else {
       AppendSamples(frame.get(), track.sound);
+      if (frame->ch_layout.nb_channels > 1) {
+        AppendSamples(frame.get(), track.right, 1);
+      }
     }
   }
 }
@@ -92,11 +95,16 @@ bool Track::TimesRise() const {
   return std::adjacent_find(times.begin(), times.end(), [](auto a, auto b) { return a >= b; }) == times.end();
 }
 
-std::vector<Track> ReadBack(const Bytes& container) {
+std::vector<Track> ReadBack(const Bytes& container, const char* format, const char* options) {
   const TempDir dir;
   SaveBytes(dir.Path("container"), container.data(), container.size());
   AVFormatContext* opened = nullptr;
-  if (avformat_open_input(&opened, dir.Path("container").c_str(), nullptr, nullptr) < 0) {
+  AVDictionary* parsed = nullptr;
+  av_dict_parse_string(&parsed, options, "=", ":", 0);
+  const int ret = avformat_open_input(&opened, dir.Path("container").c_str(),
+                                      format == nullptr ? nullptr : av_find_input_format(format), &parsed);
+  av_dict_free(&parsed);
+  if (ret < 0) {
     return {};
   }
   const mediautil::InputPtr input(opened);

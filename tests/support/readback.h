@@ -18,13 +18,15 @@ struct Track {
   std::vector<bool> keys;
   std::vector<mediautil::FfPtr<AVFrame>> pictures;
   Samples sound;
+  Samples right;   // the second channel of sound that has one
   int errors = 0;  // packets that the decoder refused
 
   bool TimesRise() const;
 };
 
-// Reads and decodes all streams; none when the bytes cannot be opened.
-std::vector<Track> ReadBack(const Bytes& container);
+// Reads and decodes all streams; none when the bytes cannot be opened. Bytes that do not tell what they are need the
+// name of their format and its options, "sample_rate=8000:code_size=4".
+std::vector<Track> ReadBack(const Bytes& container, const char* format = nullptr, const char* options = "");
 
 // The pictures of a clip's frames without any container around them.
 std::vector<mediautil::FfPtr<AVFrame>> DecodeFrames(const Clip& clip);

@@ -39,29 +39,6 @@ FfPtr<AVCodecContext> OpenEncoder(const SoundWish& wish) {
   return ctx;
 }
 
-// The mono tone as a frame in the encoder's format.
-FfPtr<AVFrame> EncoderFrame(const AVCodecContext& ctx, const Samples& tone, std::size_t from, int count) {
-  FfPtr<AVFrame> mono(av_frame_alloc());
-  mono->format = AV_SAMPLE_FMT_FLTP;
-  mono->sample_rate = ctx.sample_rate;
-  mono->nb_samples = count;
-  av_channel_layout_copy(&mono->ch_layout, &ctx.ch_layout);
-  Check(av_frame_get_buffer(mono.get(), 0) >= 0, "sound buffer");
-  for (int channel = 0; channel < ctx.ch_layout.nb_channels; ++channel) {
-    std::memcpy(mono->extended_data[channel], tone.data() + from, static_cast<std::size_t>(count) * sizeof(float));
-  }
-  FfPtr<AVFrame> frame(av_frame_alloc());
-  frame->format = ctx.sample_fmt;
-  frame->sample_rate = ctx.sample_rate;
-  frame->nb_samples = count;
-  av_channel_layout_copy(&frame->ch_layout, &ctx.ch_layout);
-  Check(av_frame_get_buffer(frame.get(), 0) >= 0, "sound buffer");
-  mediautil::Resampler resampler;
-  Check(resampler.SetUp(mediautil::ShapeOf(*mono), mediautil::ShapeOf(*frame)), "resampler");
-  Check(resampler.Convert(frame->extended_data, count, *mono) == count, "convert");
-  return frame;
-}
-
 }  // namespace
 
 Samples Tone(int rate, double seconds, double frequency, double amplitude) {
@@ -107,7 +84,7 @@ SoundClip EncodeTone(const SoundWish& wish) {
   bool gotPacket = false;
   for (std::size_t at = 0; at < tone.size(); at += static_cast<std::size_t>(step)) {
     const int count = std::min(step, static_cast<int>(tone.size() - at));
-    const FfPtr<AVFrame> frame = EncoderFrame(*ctx, tone, at, count);
+    const FfPtr<AVFrame> frame = SoundFrame(ctx->sample_fmt, wish.rate, wish.channels, tone, at, count);
     Check(mediautil::EncodeFrame(ctx.get(), frame.get(), packet.get(), gotPacket, keep) >= 0, "encode");
   }
   mediautil::EncodeFrame(ctx.get(), nullptr, packet.get(), gotPacket, keep);
@@ -141,7 +118,27 @@ Bytes Joined(const std::vector<Bytes>& pieces) {
   return joined;
 }
 
-void AppendSamples(const AVFrame* frame, Samples& sound) {
+FfPtr<AVFrame> SoundFrame(AVSampleFormat format, int rate, int channels, const Samples& sound, std::size_t from,
+                          int count) {
+  FfPtr<AVFrame> frames[2];
+  for (FfPtr<AVFrame>& frame : frames) {
+    frame.reset(av_frame_alloc());
+    frame->format = &frame == frames ? AV_SAMPLE_FMT_FLTP : format;
+    frame->sample_rate = rate;
+    frame->nb_samples = count;
+    av_channel_layout_default(&frame->ch_layout, channels);
+    Check(av_frame_get_buffer(frame.get(), 0) >= 0, "sound buffer");
+  }
+  for (int channel = 0; channel < channels; ++channel) {
+    std::memcpy(frames[0]->extended_data[channel], &sound.at(from), static_cast<std::size_t>(count) * sizeof(float));
+  }
+  mediautil::Resampler resampler;
+  Check(resampler.SetUp(mediautil::ShapeOf(*frames[0]), mediautil::ShapeOf(*frames[1])), "resampler");
+  Check(resampler.Convert(frames[1]->extended_data, count, *frames[0]) == count, "convert");
+  return std::move(frames[1]);
+}
+
+void AppendSamples(const AVFrame* frame, Samples& sound, std::size_t channel) {
   mediautil::SoundShape shape = mediautil::ShapeOf(*frame);
   shape.format = AV_SAMPLE_FMT_FLTP;
   mediautil::Resampler resampler;
@@ -149,9 +146,9 @@ void AppendSamples(const AVFrame* frame, Samples& sound) {
   std::vector<Samples> channels(static_cast<std::size_t>(frame->ch_layout.nb_channels),
                                 Samples(static_cast<std::size_t>(frame->nb_samples)));
   std::vector<unsigned char*> planes;
-  for (Samples& channel : channels) {
-    planes.push_back(reinterpret_cast<unsigned char*>(channel.data()));
+  for (Samples& plane : channels) {
+    planes.push_back(reinterpret_cast<unsigned char*>(plane.data()));
   }
   Check(resampler.Convert(planes.data(), frame->nb_samples, *frame) == frame->nb_samples, "convert");
-  sound.insert(sound.end(), channels.front().begin(), channels.front().end());
+  sound.insert(sound.end(), channels.at(channel).begin(), channels.at(channel).end());
 }

@@ -39,5 +39,9 @@ Bytes WithAdts(const Bytes& raw, int rate, int channels);
 // The pieces as one.
 Bytes Joined(const std::vector<Bytes>& pieces);
 
-// First channel of a decoded frame, appended to sound.
-void AppendSamples(const AVFrame* frame, Samples& sound);
+// A frame of the samples from one place on, the same on every channel.
+mediautil::FfPtr<AVFrame> SoundFrame(AVSampleFormat format, int rate, int channels, const Samples& sound,
+                                     std::size_t from, int count);
+
+// One channel of a decoded frame, appended to sound.
+void AppendSamples(const AVFrame* frame, Samples& sound, std::size_t channel = 0);

@@ -196,11 +196,7 @@ TEST(AudioStream, RefusalsLeaveTheOtherStreamAlone) {
       ASSERT_EQ(afterVideo ? out.AddVideo(video) : 0, 0);
       LogCapture log;
       EXPECT_EQ(out.muxer.AddAdoStream(c.info, c.codec, true), -1);
-      std::string messages;
-      for (const std::string& message : log.Messages()) {
-        messages += message;
-      }
-      EXPECT_EQ(messages, expected);
+      EXPECT_EQ(log.Text(), expected);
       EXPECT_EQ(out.muxer.GetAudioFmt(), "");
       if (!afterVideo) {
         out.policy.soundCodec = -1;

@@ -3,13 +3,18 @@
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/samplefmt.h>
 }
 
 namespace mediautil {
 namespace {
 
-constexpr int kMinRate = 1000;  // samples per second
-constexpr int kMaxRate = 768000;
+constexpr int kMaxRate = 768000;  // samples per second; to or from higher rates the filter would take gigabytes
+
+// libswresample lets a missing format pass.
+bool IsPlausible(const SoundShape& shape, int minRate) {
+  return shape.rate >= minRate && shape.rate <= kMaxRate && av_get_bytes_per_sample(shape.format) > 0;
+}
 
 AVChannelLayout PlainLayout(const AVChannelLayout& layout) {
   if (layout.order == AV_CHANNEL_ORDER_NATIVE) {
@@ -34,7 +39,7 @@ bool Resampler::SetUp(const SoundShape& in, const SoundShape& out) {
   m_in = in;
   m_out = out;
   m_swr.reset();
-  if (in.rate < kMinRate || in.rate > kMaxRate) {
+  if (!IsPlausible(in, m_minRate) || !IsPlausible(out, kMinRate)) {
     return false;
   }
   SwrContext* swr = nullptr;

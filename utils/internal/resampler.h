@@ -19,8 +19,11 @@ SoundShape ShapeOf(const AVFrame& frame);
 
 class Resampler {
  public:
-  // False for a shape without channels or format, and for an input rate that no sound has: the output of a few samples
-  // would be without bound. Sound that was still inside is dropped.
+  // minRate: the lowest input rate; below the default only for callers that bound the output themselves.
+  explicit Resampler(int minRate = kMinRate) : m_minRate(minRate) {}
+
+  // False for a shape without channels or format, and for a rate that no sound has: output and memory would be without
+  // bound. Sound that was still inside is dropped.
   bool SetUp(const SoundShape& in, const SoundShape& out);
 
   // Sets up again when the input has another format, rate or channel count than before: libswresample trusts the shape
@@ -37,6 +40,9 @@ class Resampler {
   const SwrContext* Context() const { return m_swr.get(); }
 
  private:
+  static constexpr int kMinRate = 1000;  // samples per second; from lower rates a few samples become very many
+
+  int m_minRate;
   FfPtr<SwrContext> m_swr;
   SoundShape m_in = {};
   SoundShape m_out = {};

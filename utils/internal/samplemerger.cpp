@@ -38,11 +38,14 @@ bool SampleBuffer::Reserve(std::int64_t samples) {
   }
   const std::int64_t room = std::min(std::max(samples, 2 * m_room), limit);
   for (std::size_t i = 0; i < m_planeCount; ++i) {
-    void* grown = av_realloc(m_planes[i], static_cast<std::size_t>(room) * m_stride + AV_INPUT_BUFFER_PADDING_SIZE);
+    const std::size_t old = static_cast<std::size_t>(m_room) * m_stride;
+    const std::size_t size = static_cast<std::size_t>(room) * m_stride + AV_INPUT_BUFFER_PADDING_SIZE;
+    auto* grown = static_cast<unsigned char*>(av_realloc(m_planes[i], size));
     if (grown == nullptr) {
       return false;
     }
-    m_planes[i] = static_cast<unsigned char*>(grown);
+    std::memset(grown + old, 0, size - old);
+    m_planes[i] = grown;
   }
   m_room = room;
   return true;

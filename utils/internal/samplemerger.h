@@ -20,7 +20,8 @@ class SampleBuffer {
   // Starts empty. False for a format or channel count that no frame can hold.
   bool SetFormat(AVSampleFormat format, int channels);
 
-  // Makes room for that many samples and keeps what is there. False without memory, or for more than 64 MiB in all.
+  // Makes room for that many samples and keeps what is there; the new ones are zero. False without memory, or for more
+  // than 64 MiB in all.
   bool Reserve(std::int64_t samples);
 
   void Free();

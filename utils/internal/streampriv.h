@@ -4,8 +4,7 @@
 #include <string>
 
 #include "utils/internal/ffmpegptr.h"
-#include "utils/internal/resampler.h"
-#include "utils/internal/samplemerger.h"
+#include "utils/internal/soundgatherer.h"
 
 struct ESFormat;
 class MuxCtrler;
@@ -82,13 +81,10 @@ class AdoStreamPriv : public StreamPriv {
   int WriteAdoViaEncode(AVFormatContext* oc, AVStream* st, unsigned char* buf, int size, long long ptsUs);
   bool InitEncodeFrame(AVFrame* out, const AVCodecContext* enc, const AVFrame* in);
   int DoEncode(AVFormatContext* oc, AVStream* st, AVFrame* frame);
-  bool WriteEncoded(AVFormatContext* oc, const AVStream* st, AVPacket* packet);
+  bool WriteEncoded(AVFormatContext* oc, AVPacket* packet);
 
   FFmpegAttr m_decoder = {};
   mediautil::FfPtr<AVBSFContext> m_aacFilter;  // ADTS to raw
-  mediautil::Resampler m_resampler;
-  mediautil::SampleBuffer m_converted;
-  mediautil::SampleMerger m_merger;
-  int m_convertedSize = 0;  // bytes of converted sound to expect of one call at most; the buffers grow past it
+  mediautil::SoundGatherer m_gatherer;
   bool m_isEncoded = true;  // false: copied
 };
