@@ -230,6 +230,8 @@ struct Body {
 // Session
 // ---------------------------------------------------------------------------------------------------------------------
 
+ArchiveSender::~ArchiveSender() = default;
+
 ArchiveSender* ArchiveSenderFactory(ARCH_DEST_TYPE type) {
   return type == ARCH_DEST_WEBAPI ? new (std::nothrow) WebapiSender : nullptr;
 }

@@ -11,7 +11,7 @@
 // Sends files to one kind of destination.
 class VY_API ArchiveSender {
  public:
-  virtual ~ArchiveSender() = default;
+  virtual ~ArchiveSender();
 
   // Opens a session, an open one is forgotten first. 0 on success, -1 on failure, nobody is logged in then.
   virtual int Login(const std::string& host, int port, const std::string& account, const std::string& password,
