@@ -16,6 +16,7 @@
 #include <new>
 #include <utility>
 
+#include "archiving/internal/plainfile.h"
 #include "platform/db.h"
 #include "platform/file.h"
 #include "platform/http.h"
@@ -66,29 +67,39 @@ int ResultOfCode(int code) {
   }
 }
 
-// The web API error code of a reply, 0 without one; 100 for an error that cannot be read. reply: null without JSON.
-int GetErrorCode(const std::string& text, Json::Value& reply) {
-  if (JsonParse(text, reply, false, true) != 0 || !reply.isObject() || !reply.isMember("error")) {
-    return 0;
+// What the remote says to a request.
+struct Answer {
+  int code = 0;               // of the web API's error; 0 without one, 100 for an error that cannot be read
+  bool acknowledged = false;  // all is well; a reply that is no JSON object does not say so
+  bool hasError = false;
+};
+
+Answer ReadAnswer(const std::string& text) {
+  Json::Value reply;
+  Answer answer;
+  if (JsonParse(text, reply, false, true) != 0 || !reply.isObject()) {
+    return answer;
   }
-  const bool isReadable =
-      VyJson::Validate("{type: object, required: {error: {type: object, required: {code: int}}}}", reply) == 0 &&
-      reply["error"]["code"].isInt();
-  return isReadable ? reply["error"]["code"].asInt() : 100;
+  answer.hasError = reply.isMember("error");
+  answer.acknowledged = !answer.hasError && reply.get("success", true) != Json::Value(false);
+  if (answer.hasError) {
+    const bool isReadable =
+        VyJson::Validate("{type: object, required: {error: {type: object, required: {code: int}}}}", reply) == 0 &&
+        reply["error"]["code"].isInt();
+    answer.code = isReadable ? reply["error"]["code"].asInt() : 100;
+  }
+  return answer;
 }
 
-// Reads the reply and gives its error code. acknowledged: whether it says that all is well, which a reply that is no
-// JSON object does not.
+// Reads the client's reply and gives its error code.
 int ReadErrorCode(VyNet::VyHttpClient& client, bool& acknowledged) {
   const std::string text = client.GetResp();
-  Json::Value reply;
-  const int code = GetErrorCode(text, reply);
-  const bool hasError = reply.isObject() && reply.isMember("error");
-  acknowledged = reply.isObject() && !hasError && reply.get("success", true) != Json::Value(false);
-  if (hasError) {
+  const Answer answer = ReadAnswer(text);
+  acknowledged = answer.acknowledged;
+  if (answer.hasError) {
     VY_LOG(LOG_LEVEL_NOTE, "Get error message[%s]\n", text.c_str());
   }
-  return code;
+  return answer.code;
 }
 
 // The recording method of the event whose path contains fileName; 1 when there is none to be found.
@@ -129,6 +140,11 @@ int GetRecMethod(const ArchFile& file) {
   return GetEventCause(task.GetSrcDir() + "/" + std::to_string(id) + "/" + StringPrintf("task%d.db", id), name);
 }
 
+// A name such as "cam1:noon.mp4" looks like a URL.
+std::string AsFile(const std::string& path) {
+  return path.empty() || path.front() == '/' ? path : "./" + path;
+}
+
 // What triggered a recording, an entry a second, as base64; empty when that is not known.
 std::string GetTriggerMap(const std::string& path, int duration) {
   BitwiseEnum<REC_TRIG_META> map(static_cast<std::size_t>(duration));
@@ -154,31 +170,28 @@ std::string Render(Json::Value request, const std::string& sid, const std::strin
   return JsonToStrPair(request, true, true) + authContent;
 }
 
-// Negative on failure; a refusal is none. errorCode: that of the reply.
+// Negative on failure; a refusal is none.
 int Post(const std::string& host, int port, const std::string& body, const std::string& cookie, bool https,
-         int& errorCode) {
+         Answer& answer) {
   std::string text;
   WriteText writer(text);
   const int status = SendHttpPostAndGetResult<WriteText>(host, port, kCgiPath, body, cookie, writer, https, kDirTimeout,
                                                          true, HTTP_VERSION_DEFAULT);
-  Json::Value reply;
-  errorCode = GetErrorCode(text, reply);
+  answer = ReadAnswer(text);
   return status;
 }
 
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
+// Notes for a scope which directory is being sent.
+class SendingDir {
+ public:
+  SendingDir(std::string& member, const std::string& dir) : m_member(member) { m_member = dir; }
+  ~SendingDir() { m_member.clear(); }
+  SendingDir(const SendingDir&) = delete;
+  SendingDir& operator=(const SendingDir&) = delete;
 
-// Without a buffer of its own, so that a chunk is one read. Null also for what is no regular file: a FIFO would wait.
-FilePtr OpenFile(const std::string& path) {
-  FilePtr file(GetFileSize(path) < 0 ? nullptr : std::fopen(path.c_str(), "rbe"));
-  if (file != nullptr) {
-    std::setvbuf(file.get(), nullptr, _IONBF, 0);
-  }
-  return file;
-}
+ private:
+  std::string& m_member;
+};
 
 // The bytes of a file on their way.
 struct Body {
@@ -187,6 +200,7 @@ struct Body {
   VyNet::VyHttpClient& client;
   std::FILE* file;
   long long remaining;
+  unsigned long long room = kAnnouncedLength;  // a file that grows as fast as it is sent ends there
   bool whole = true;  // everything up to here has gone out, and the remote has not answered before
   int code = 0;       // with kRefused: why
 
@@ -209,7 +223,8 @@ struct Body {
         }
         whole = false;
       }
-      const std::size_t size = std::fread(buffer, 1, kChunk, file);
+      const std::size_t size = std::fread(buffer, 1, std::min<unsigned long long>(kChunk, room), file);
+      room -= size;
       if (size == 0) {
         return End::kReadFailed;
       }
@@ -249,6 +264,13 @@ void WebapiSender::Init(bool useHttps) {
   m_strHost.clear();
   m_iPort = 0;
   m_blHttps = useHttps;
+  ForgetAnswer();
+}
+
+void WebapiSender::ForgetAnswer() {
+  m_blDelivered = false;
+  m_blAcknowledged = false;
+  m_iErrorCode = 0;
 }
 
 int WebapiSender::Login(const std::string& host, int port, const std::string& account, const std::string& password,
@@ -317,8 +339,7 @@ int WebapiSender::Logout() try {
 // ---------------------------------------------------------------------------------------------------------------------
 
 int WebapiSender::SendFile(const ArchFile& file, bool overwrite) try {
-  m_blDelivered = false;
-  m_iErrorCode = 0;
+  ForgetAnswer();
   const ARCH_FILE_TYPE type = file.GetFileType();
   const std::string path = file.GetFilePath();
   const long long size = GetFileSize(path);
@@ -336,7 +357,7 @@ int WebapiSender::SendFile(const ArchFile& file, bool overwrite) try {
   std::string extraData;
   if (IsRecording(type)) {
     const auto recMethod = static_cast<std::int8_t>(GetRecMethod(file));  // 8 bits is what remotes know
-    const auto duration = static_cast<int>(std::min(DoFFMpegGetDuration(path), kMaxTriggerEntries));
+    const auto duration = static_cast<int>(std::min(DoFFMpegGetDuration(AsFile(path)), kMaxTriggerEntries));
     extraData = GetTriggerMap(path, duration);
     request["duration"] = duration;
     request["recMethod"] = int{recMethod};
@@ -350,7 +371,9 @@ int WebapiSender::SendFile(const ArchFile& file, bool overwrite) try {
 }
 
 int WebapiSender::SendDir(const std::string& srcDir, bool flag, const std::string& dstDir, bool useTmpDir) try {
+  ForgetAnswer();
   VY_FAIL_IF(!IsLoggedIn(), kNotLoggedIn, LOG_LEVEL_ERR, "Auth error Dst[%s]\n", m_strHost.c_str());
+  const SendingDir sending(m_strSendingDir, srcDir);
   std::string root = dstDir;
   if (!root.empty() && root.back() == '/') {
     root.pop_back();
@@ -394,9 +417,12 @@ int WebapiSender::CreateRemoteDir(const std::list<std::string>& dirs, const std:
   request["overwrite"] = overwrite;
   const std::string body = Render(std::move(request), m_strSid, m_strHostAuthContent);
   VY_LOG(LOG_LEVEL_INFO, "Msg = %s\n", body.c_str());
-  VY_FAIL_IF(Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, m_iErrorCode) < 0, -1, LOG_LEVEL_ERR,
-             "CreateRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort, body.c_str(),
-             m_strHostCookie.c_str());
+  Answer answer;
+  const int status = Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, answer);
+  m_iErrorCode = answer.code;
+  m_blAcknowledged = status >= 0 && answer.acknowledged;
+  VY_FAIL_IF(status < 0, -1, LOG_LEVEL_ERR, "CreateRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort,
+             body.c_str(), m_strHostCookie.c_str());
   return 0;
 } catch (const std::exception&) {
   return -1;
@@ -408,9 +434,12 @@ int WebapiSender::MoveRemoteDir(const std::string& fromDir, const std::string& t
   request["toDir"] = toDir;
   const std::string body = Render(std::move(request), m_strSid, m_strHostAuthContent);
   VY_LOG(LOG_LEVEL_INFO, "Msg = %s\n", body.c_str());
-  VY_FAIL_IF(Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, m_iErrorCode) < 0, -1, LOG_LEVEL_ERR,
-             "MoveRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort, body.c_str(),
-             m_strHostCookie.c_str());
+  Answer answer;
+  const int status = Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, answer);
+  m_iErrorCode = answer.code;
+  m_blAcknowledged = status >= 0 && answer.acknowledged;
+  VY_FAIL_IF(status < 0, -1, LOG_LEVEL_ERR, "MoveRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort,
+             body.c_str(), m_strHostCookie.c_str());
   return 0;
 } catch (const std::exception&) {
   return -1;
@@ -422,8 +451,7 @@ int WebapiSender::MoveRemoteDir(const std::string& fromDir, const std::string& t
 
 int WebapiSender::FileUpload(const std::string& params, const std::string& filePath, unsigned long long fileSize,
                              const std::string& extraData) try {
-  m_blDelivered = false;
-  m_iErrorCode = 0;
+  ForgetAnswer();
   VyNet::VyHttpClient client;
   client.Init("/webapi/entry.cgi?" + params, m_strHost, m_iPort, "", "", kUploadTimeout, true, true, true,
               HTTP_VERSION_DEFAULT, "", m_blHttps, true, false, "", Json::Value(Json::objectValue),
@@ -432,12 +460,12 @@ int WebapiSender::FileUpload(const std::string& params, const std::string& fileP
   VY_FAIL_IF(client.OpenRawDataUpload(kAnnouncedLength, kUploadType) != 0, kSent, LOG_LEVEL_ERR,
              "Failed to upload of file %s\n", filePath.c_str());
 
-  FilePtr file = OpenFile(filePath);
+  mediautil::FilePtr file = mediautil::OpenPlainFile(filePath, m_strSendingDir);
   if (file == nullptr) {
     if (SetFileOwnerToVy(filePath, false) != 0) {
       VY_LOG(LOG_LEVEL_ERR, "change owner of file %s failed\n", filePath.c_str());
     }
-    file = OpenFile(filePath);
+    file = mediautil::OpenPlainFile(filePath, m_strSendingDir);
   }
   VY_FAIL_IF(file == nullptr, kSent, LOG_LEVEL_NOTE, "Open file [%s] failed.\n", filePath.c_str());
 
@@ -461,12 +489,11 @@ int WebapiSender::FileUpload(const std::string& params, const std::string& fileP
   }
 
   VY_FAIL_IF(!client.HasDataToRead(kFinalReplyTimeout), kSent, LOG_LEVEL_INFO, "Send failed since no response\n");
-  bool acknowledged = false;
-  m_iErrorCode = ReadErrorCode(client, acknowledged);
+  m_iErrorCode = ReadErrorCode(client, m_blAcknowledged);
   VY_FAIL_IF(m_iErrorCode != 0, ResultOfCode(m_iErrorCode), LOG_LEVEL_INFO, "Send failed since get webapi error [%d]\n",
              m_iErrorCode);
   VY_FAIL_IF(body.remaining != 0, kSent, LOG_LEVEL_INFO, "Send failed remain datas [%lld]\n", body.remaining);
-  m_blDelivered = acknowledged && body.whole;
+  m_blDelivered = m_blAcknowledged && body.whole;
   return kSent;
 } catch (const std::exception&) {
   return kFailed;

@@ -56,6 +56,7 @@ class VY_API WebapiSender : public ArchiveSender {
   int SendFile(const ArchFile& file, bool overwrite) override;
 
   // Makes the directories below srcDir on the remote under dstDir and sends every file. flag: hidden files too.
+  // Symbolic links below srcDir are neither sent nor followed.
   // useTmpDir: upload to dstDir with ".arch" appended, overwriting what is there, and rename it at the end. Stops at
   // the first failure, a directory that cannot be listed among them; what was sent until then stays on the remote.
   int SendDir(const std::string& srcDir, bool flag, const std::string& dstDir, bool useTmpDir) override;
@@ -76,17 +77,19 @@ class VY_API WebapiSender : public ArchiveSender {
   // an error and without "success" false.
   bool LastFileDelivered() const { return m_blDelivered; }
 
-  // The web API error code that the remote answered the last file, or a later request about directories, with; 0
-  // without one.
+  // Of the last request, a file's or one about directories: whether the remote acknowledged it in that way, and the web
+  // API error code that it answered with, 0 without one.
+  bool LastRequestAcknowledged() const { return m_blAcknowledged; }
   int LastErrorCode() const { return m_iErrorCode; }
 
  protected:
   // For programs that show progress: called during an upload, sent of total bytes of the file have gone out. More than
-  // total when the file grows meanwhile.
+  // total when the file grows meanwhile. May throw a std::exception to end the upload, the result is 1 then.
   virtual void OnFileSent(long long sent, long long total);
 
  private:
   bool IsLoggedIn() const { return !m_strSid.empty() || !m_strHostAuthContent.empty(); }
+  void ForgetAnswer();
 
   bool m_blHttps = false;
   std::string m_strSid;              // of an account session; empty without one
@@ -95,5 +98,7 @@ class VY_API WebapiSender : public ArchiveSender {
   std::string m_strHost;
   int m_iPort = 0;
   bool m_blDelivered = false;
+  bool m_blAcknowledged = false;
   int m_iErrorCode = 0;
+  std::string m_strSendingDir;  // while a directory is being sent: its files are opened without following links
 };

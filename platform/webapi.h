@@ -32,7 +32,8 @@ VY_API int LoginNh(const std::string& host, int port, const std::string& account
                    const std::string& extra, const std::string& second, bool https, int timeout, std::string& sid,
                    std::string& outText, int& outCode);
 
-// What authenticates this recorder to the central-management host it is paired with; empty texts without pairing data.
+// What authenticates this recorder to the central-management host it is paired with; empty texts without pairing
+// data, and for one with a quote, a blank or another character that a query cannot hold.
 VY_API void GetTimeAndCookieForHost(std::string& cookie, std::string& timestamp);
 
 // This recorder's serial number; empty when unknown.

@@ -10,7 +10,7 @@
 
 int ReadRecLog2(const std::string& dir, long startTime, BitwiseEnum<REC_TRIG_META>& map) {
   constexpr std::size_t kEntryBytes = BitwiseEnum<REC_TRIG_META>::kEntryBytes;
-  const std::string path = dir + "/triggers/" + std::to_string(startTime) + ".trig";
+  const std::string path = (dir.empty() ? "." : dir) + "/triggers/" + std::to_string(startTime) + ".trig";
   std::string log;
   if (path.find('\0') != std::string::npos) return -1;
   if (!local::ReadRegularFile(path, O_NOFOLLOW, map.Size(), log)) return -1;

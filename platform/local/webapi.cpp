@@ -8,6 +8,7 @@
 
 #include "platform/http.h"
 #include "platform/json.h"
+#include "platform/local/curleasy.h"
 #include "platform/local/settingsfile.h"
 
 namespace {
@@ -42,10 +43,12 @@ std::string ToJsonText(const Json::Value& value) {
 }
 
 // Empty without one.
-std::string Setting(const Json::Value& settings, const char* key) {
+// Empty also for a text that callers, who put it between quotes into a query, cannot send.
+std::string AuthSetting(const Json::Value& settings, const char* key) {
   std::string value;
   local::ReadKey(settings, key, value);
-  return value;
+  const bool canBeSent = local::IsHeaderText(value) && value.find_first_of(" \"\\&#") == std::string::npos;
+  return canBeSent ? value : "";
 }
 
 // Null for anything but an object.
@@ -140,11 +143,11 @@ int LoginNh(const std::string& host, int port, const std::string& account, const
 void GetTimeAndCookieForHost(std::string& cookie, std::string& timestamp) {
   Json::Value settings;
   const bool read = local::ReadSettings(settings);
-  cookie = read ? Setting(settings, "cmsCookie") : "";
-  timestamp = read ? Setting(settings, "cmsTimestamp") : "";
+  cookie = read ? AuthSetting(settings, "cmsCookie") : "";
+  timestamp = read ? AuthSetting(settings, "cmsTimestamp") : "";
 }
 
 std::string GetNHSerialNumber() {
   Json::Value settings;
-  return local::ReadSettings(settings) ? Setting(settings, "serialNumber") : "";
+  return local::ReadSettings(settings) ? AuthSetting(settings, "serialNumber") : "";
 }
