@@ -86,16 +86,29 @@ bool IsPrivacyText(const std::string& text) {
   });
 }
 
+// As one line: no file name moves the cursor, or looks like a second message.
+void PrintMessage(std::string text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+    const bool isLong = byte == 0xC2 && next >= 0x80 && next <= 0x9F;  // U+0080 to U+009F
+    if (byte < 0x20 || byte == 0x7F || isLong) {
+      text.replace(i, isLong ? 2 : 1, "?");
+    }
+  }
+  std::fprintf(stderr, "mediautil: %s\n", text.c_str());
+}
+
 }  // namespace
 
 int Fail(int code, const std::string& text) {
-  std::fprintf(stderr, "mediautil: %s\n", text.c_str());
+  PrintMessage(text);
   return code;
 }
 
 void Note(const std::string& text) {
   if (!g_quiet) {
-    std::fprintf(stderr, "mediautil: %s\n", text.c_str());
+    PrintMessage(text);
   }
 }
 

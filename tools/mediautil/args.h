@@ -33,7 +33,7 @@ void AddPush(CLI::App& app, Action& action);
 void AddLogLevel(CLI::App& app, Action& action);
 
 // ---------------------------------------------------------------------------------------------------------------------
-// Messages, all to stderr
+// Messages, all to stderr; control characters in them become "?"
 // ---------------------------------------------------------------------------------------------------------------------
 
 // Prints an error as one line and returns code.

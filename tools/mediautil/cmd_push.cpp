@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -45,8 +46,7 @@ struct PushArgs {
   bool recording = false;
 
   int Port() const { return port > 0 ? port : https ? kHttpsPort : kHttpPort; }
-  // Where a directory goes until it is complete.
-  std::string TmpDir() const { return (dest.back() == '/' ? dest.substr(0, dest.size() - 1) : dest) + ".arch"; }
+  std::string TmpDir() const { return dest + ".arch"; }  // where a directory goes until it is complete
   std::string Remote() const { return host + ":" + std::to_string(Port()); }
 };
 
@@ -79,8 +79,16 @@ int FailRefused(const std::string& what, int code, const std::string& whatToTry)
              : Fail(kRefused, what + "the remote refused it with code " + std::to_string(code) + "; " + whatToTry);
 }
 
-// result and code: the library's of a file that had size bytes before; it was not delivered.
-int FailFile(const std::string& path, long long size, int result, int code) {
+// What became of a file here that had size bytes before it was read; empty: nothing.
+std::string LocalFault(const std::string& path, long long size) {
+  if (access(path.c_str(), R_OK) != 0) {
+    return std::string(std::strerror(errno)) + "; check the path and the permissions";
+  }
+  return size < 0 || GetFileSize(path) != size ? "it changed while it was read; push it again when it is finished" : "";
+}
+
+// result and code: the library's of a file that was not delivered.
+int FailFile(const std::string& path, const std::string& localFault, int result, int code) {
   const std::string what = path + ": not sent: ";
   if (code != 0) {
     return FailRefused(what, code, WhatToTry(code));
@@ -89,17 +97,14 @@ int FailFile(const std::string& path, long long size, int result, int code) {
     return Fail(kNotLoggedIn, what + "no session; push again");
   }
   if (result != 0) {
-    return Fail(kFailed, what + "the library failed; see its messages with -v");
+    return Fail(kFailed, what + "the library failed; see its messages with -vv");
   }
-  if (access(path.c_str(), R_OK) != 0) {
-    return Fail(kBadInput, what + std::strerror(errno) + "; check the path and the permissions");
-  }
-  if (GetFileSize(path) != size) {
-    return Fail(kFailed, what + "it changed while it was read; push it again when it is finished");
+  if (!localFault.empty()) {
+    return Fail(access(path.c_str(), R_OK) != 0 ? kBadInput : kFailed, what + localFault);
   }
   return Fail(kFailed, what +
                            "the remote did not acknowledge it: the connection broke, or its answer did not come or " +
-                           "could not be read; try again with -v");
+                           "could not be read; try again with -vv");
 }
 
 // Login tells no reason, so another request tells whether there is anybody to ask.
@@ -130,39 +135,45 @@ class PushSender : public WebapiSender {
       : m_progress(progress), m_args(args), m_source(source) {}
 
   int SendFile(const ArchFile& file, bool overwrite) override {
-    if (StopSignals::Seen() || IsMakingRefused()) {
+    if (StopSignals::Seen() || (m_source.isDir && IsMakingFailed())) {
       return kStop;
     }
     const std::string path = file.GetFilePath();
     const long long size = GetFileSize(path);
     const int result = WebapiSender::SendFile(file, overwrite);
+    if (StopSignals::Seen()) {
+      return kStop;
+    }
+    m_passed += std::max(size, 0LL);
     if (result == 0 && LastFileDelivered()) {
       m_bytes += size;
       ++m_files;
       return 0;
     }
-    if (!StopSignals::Seen()) {
-      Tell(m_source.isDir ? path : m_args.source, size, result);
+    const int code = LastErrorCode();
+    const std::string localFault = LocalFault(path, size);
+    // The other files of a directory may still arrive, unless it is to be put together as a whole.
+    const bool isOfFile = code != 0 ? code != kNotLoggedInCode : result == 0 && !localFault.empty();
+    const bool goesOn = isOfFile && !m_args.tmpDir;
+    m_progress.Hide();
+    if (++m_failed <= kMostTold || !goesOn) {
+      m_exitCode = FailFile(m_source.isDir ? path : m_args.source, localFault, result, code);
+    } else if (m_failed == kMostTold + 1) {
+      Fail(m_exitCode, "more files did not arrive");
     }
-    // One of that name is there: a directory goes on, unless it is to be put together as a whole.
-    const bool goesOn = result == 0 && LastErrorCode() != 0 && !m_args.tmpDir;
     return goesOn ? 0 : kStop;
   }
 
-  // Whether the last request about directories was, which the library does not look at; prints so.
-  bool IsRefused(const std::string& what, const std::string& whatToTry) {
-    const bool isRefused = m_exitCode == kDone && LastErrorCode() != 0;
-    if (isRefused) {
-      m_progress.Hide();
-      m_exitCode = FailRefused(m_args.source + ": " + what + ": ", LastErrorCode(), whatToTry);
-    }
-    return isRefused;
+  // Whether the last request about directories failed, which the library does not tell; prints so.
+  bool IsMakingFailed() {
+    const std::string what = m_args.source + ": cannot make the directories in " + m_args.dest + ": ";
+    return IsRequestFailed(what, WhatToTry(LastErrorCode()),
+                           what + "the remote did not acknowledge it; try again with -vv");
   }
-  bool IsMakingRefused() {
-    return IsRefused("cannot make the directories in " + m_args.dest, WhatToTry(LastErrorCode()));
-  }
-  bool IsRenamingRefused() {
-    return IsRefused("sent as " + m_args.TmpDir() + ", not renamed", "move what has that name there, then push again");
+  bool IsRenamingFailed() {
+    const std::string what = m_args.source + (m_files > 0 ? ": sent as " + m_args.TmpDir() : ": no files") + ", ";
+    return IsRequestFailed(what + "not renamed: ", "move what has that name there, then push again",
+                           what + "the rename was not acknowledged; look which name it has there, then push again");
   }
 
   int ExitCode() const { return m_exitCode; }  // kDone, or that of the last failure
@@ -174,29 +185,30 @@ class PushSender : public WebapiSender {
     if (StopSignals::Seen()) {
       throw std::runtime_error("interrupted");  // the library ends the upload and fails
     }
-    m_progress.Update(static_cast<double>(m_bytes + sent));
+    m_progress.Update(static_cast<double>(m_passed + sent));
   }
 
  private:
   static constexpr int kStop = 1;
   static constexpr int kMostTold = 10;
 
-  void Tell(const std::string& path, long long size, int result) {
-    m_progress.Hide();
-    if (++m_told <= kMostTold) {
-      m_exitCode = FailFile(path, size, result, LastErrorCode());
-    } else if (m_told == kMostTold + 1) {
-      Fail(m_exitCode, "more files did not arrive");
+  bool IsRequestFailed(const std::string& ifRefused, const std::string& whatToTry, const std::string& ifUnknown) {
+    const bool isFailed = m_exitCode == kDone && !LastRequestAcknowledged();
+    if (isFailed) {
+      m_progress.Hide();
+      m_exitCode = LastErrorCode() != 0 ? FailRefused(ifRefused, LastErrorCode(), whatToTry) : Fail(kFailed, ifUnknown);
     }
+    return isFailed;
   }
 
   Progress& m_progress;
   const PushArgs& m_args;
   const Source& m_source;
   int m_exitCode = kDone;
-  int m_told = 0;
+  int m_failed = 0;
   std::size_t m_files = 0;
-  long long m_bytes = 0;
+  long long m_bytes = 0;   // that arrived
+  long long m_passed = 0;  // of the files that are done with
 };
 
 int SendOneFile(const PushArgs& args, const Source& source, PushSender& sender) {
@@ -220,12 +232,14 @@ int SendDirectory(const PushArgs& args, const Source& source, PushSender& sender
   if (sender.ExitCode() != kDone) {
     return Fail(sender.ExitCode(), arrived + (args.tmpDir ? "; nothing was renamed" : ""));
   }
-  if (result != 0) {
-    const bool isSent = sender.Files() > 0;
-    return Fail(kFailed, arrived + (isSent ? "; cannot rename " + args.TmpDir() : "; cannot make the directories") +
-                             " on the remote: it gives no answer; check it, then push again with -v");
+  std::list<std::string> ignored;
+  if (result != 0 && GetFilesInDir(source.path, ignored, true, true, "") != 0) {
+    return Fail(kBadInput, arrived + "; cannot read it any more: " + std::strerror(errno) + "; check the permissions");
   }
-  static_cast<void>(args.tmpDir ? sender.IsRenamingRefused() : sender.IsMakingRefused());
+  const bool isRenamed = args.tmpDir && (result == 0 || sender.Files() > 0 || source.files == 0);
+  if (!(isRenamed ? sender.IsRenamingFailed() : sender.IsMakingFailed()) && result != 0) {
+    return Fail(kFailed, arrived + "; the library failed; see its messages with -vv");
+  }
   return sender.ExitCode();
 }
 
@@ -247,6 +261,20 @@ int Send(const PushArgs& args, const Source& source, const std::string& password
 // ---------------------------------------------------------------------------------------------------------------------
 // Before anything is sent
 // ---------------------------------------------------------------------------------------------------------------------
+
+void NoteLeftOut(const Source& source) {
+  std::size_t count = 0;
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator entry(source.path, error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code ignored;
+    const std::filesystem::file_status status = entry->symlink_status(ignored);
+    count += exists(status) && !is_regular_file(status) && !is_directory(status) ? 1U : 0U;
+  }
+  if (count > 0) {
+    Note(source.path + ": " + std::to_string(count) + " entries that are no regular files were left out");
+  }
+}
 
 int Measure(const std::string& path, Source& source) {
   struct stat status = {};
@@ -284,8 +312,18 @@ int Measure(const std::string& path, Source& source) {
   return kDone;
 }
 
+// A name, or an address of either kind, IPv6 also in brackets.
+bool IsHost(const std::string& host) {
+  const auto colons = std::count(host.begin(), host.end(), ':');
+  return !host.empty() && host.find('/') == std::string::npos && colons != 1 &&
+         (host.front() != '[' || host.back() == ']');
+}
+
 int CheckArgs(const PushArgs& args, const Source& source) {
-  if (args.dest.find_first_not_of('/') == std::string::npos) {
+  if (!IsHost(args.host)) {
+    return Fail(kUsage, "--host takes a name or address, the port goes to --port");
+  }
+  if (args.dest.empty()) {
     return Fail(kUsage, "--dest names no directory of the remote; give one such as archive/gate");
   }
   if (args.account.empty() && !args.passwordFile.empty()) {
@@ -304,7 +342,8 @@ int CheckArgs(const PushArgs& args, const Source& source) {
   return kDone;
 }
 
-int Push(const PushArgs& args) {
+int Push(PushArgs args) {
+  args.dest.erase(args.dest.find_last_not_of('/') + 1);
   Source source;
   if (const int code = Measure(args.source, source); code != kDone) {
     return code;
@@ -315,10 +354,16 @@ int Push(const PushArgs& args) {
   const StopSignals signals(kGrace);
   std::string password;
   if (!args.account.empty()) {
+    if (!args.https) {
+      Note(args.Remote() + ": the password goes over plain HTTP, where others can read it; add --https");
+    }
     const std::string prompt = "Password of " + args.account + " on " + args.Remote() + ": ";
     if (const int code = ReadPassword(args.passwordFile, prompt, password); code != kDone) {
       return code;
     }
+  }
+  if (source.isDir) {
+    NoteLeftOut(source);
   }
   const int code = Send(args, source, password);
   return StopSignals::Seen()
@@ -331,7 +376,9 @@ int Push(const PushArgs& args) {
 void AddPush(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("push", "Send a file, or a directory with all below it, to another recorder.");
   const auto args = std::make_shared<PushArgs>();
-  command->add_option("SOURCE", args->source, "file or directory to send")->required()->type_name("");
+  command->add_option("SOURCE", args->source, "file, or directory without its links, FIFOs, sockets and devices")
+      ->required()
+      ->type_name("");
   command->add_option("--host", args->host, "name or address of the remote")->required()->type_name("H");
   command->add_option("--port", args->port, "its port; 5000, with --https 5001, without it")
       ->type_name("P")

@@ -20,15 +20,16 @@ void AddLogOptions(CLI::App& command, LogArgs& args) {
 }
 
 // Without a shared record, or when the user asks for more or less, the library follows a record of this process.
-void SetUpLog(const LogArgs& args) {
-  constexpr int kLevels[] = {LOG_LEVEL_ERR, LOG_LEVEL_NOTE, LOG_LEVEL_TRACE};
+// usual: its threshold without -q and -v.
+void SetUpLog(const LogArgs& args, LOG_LEVEL usual) {
+  const int levels[] = {usual, LOG_LEVEL_NOTE, LOG_LEVEL_TRACE};
   SetQuiet(args.quiet);
   ReinitDbgLogCfg();
   if (g_pDbgLogCfg != nullptr && !args.quiet && args.verbose == 0) {
     return;
   }
   static DbgLogCfg own = {};
-  std::fill(std::begin(own.categLevel), std::end(own.categLevel), args.quiet ? 0 : kLevels[std::min(args.verbose, 2)]);
+  std::fill(std::begin(own.categLevel), std::end(own.categLevel), args.quiet ? 0 : levels[std::min(args.verbose, 2)]);
   g_pDbgLogCfg = &own;
 }
 
@@ -106,7 +107,8 @@ int Run(int argc, char** argv) {
   if (log.quiet && log.verbose > 0) {
     return Fail(kUsage, "-q and -v exclude each other; leave one of them out");
   }
-  SetUpLog(log);
+  // What a push warns of, such as a server that is not verified, is for the operator.
+  SetUpLog(log, app.got_subcommand("push") ? LOG_LEVEL_WARN : LOG_LEVEL_ERR);
   return action();
 }
 

@@ -14,16 +14,19 @@ volatile std::sig_atomic_t g_seen = 0;
 volatile std::sig_atomic_t g_grace = 0;
 struct sigaction g_before[std::size(kSignals)];
 
-void Note(int) {
-  g_seen = 1;
-  alarm(static_cast<unsigned int>(g_grace));
-}
-
 void End(int) {
   constexpr char kText[] = "\nmediautil: interrupted\n";
   const bool isTold = write(STDERR_FILENO, kText, sizeof(kText) - 1) > 0;
   static_cast<void>(isTold);
   _exit(kInterrupted);
+}
+
+void Note(int signal) {
+  if (g_seen != 0 && g_grace != 0) {
+    End(signal);
+  }
+  g_seen = 1;
+  alarm(static_cast<unsigned int>(g_grace));
 }
 
 }  // namespace

@@ -4,7 +4,8 @@
 // While one lives, Ctrl-C and its like are only noted.
 class StopSignals {
  public:
-  // grace: seconds after the signal until the program ends on its own, with kInterrupted; 0: it never does.
+  // grace: seconds after the signal until the program ends on its own, with kInterrupted, as it does at once with a
+  // second signal; 0: it never does.
   explicit StopSignals(unsigned int grace = 0);
   ~StopSignals();
   StopSignals(const StopSignals&) = delete;
