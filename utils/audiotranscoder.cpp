@@ -165,8 +165,10 @@ int AudioTranscoder::OpenAudio(const AVCodec* encoder, AVStream* stream) {
 int AudioTranscoder::DoTranscode(char* buf, int len) {
   VY_FAIL_IF(buf == nullptr || len < 1, 1, LOG_LEVEL_ERR, "No buf or buf is invalid.\n");
   auto* data = reinterpret_cast<unsigned char*>(buf);
-  if (m_pWrite != nullptr && IsSameFormat(m_src, m_dst)) {
-    m_pWrite(m_pOpaque, data, len);
+  if (m_isHeaderWritten && IsSameFormat(m_src, m_dst)) {
+    if (m_pWrite != nullptr) {
+      m_pWrite(m_pOpaque, data, len);
+    }
     return 0;
   }
   VY_FAIL_IF(!m_isHeaderWritten || DoFFMpegDecodeAudio(m_decoder, data, len) != 0, 1, LOG_LEVEL_ERR,
@@ -198,21 +200,22 @@ int AudioTranscoder::DoEncode(AVFormatContext* oc, AVStream* stream, AVFrame* fr
   mediautil::SoundGatherer& gatherer = m_pEncoding->gatherer;
   VY_FAIL_IF(!gatherer.Append(*frame), 1, LOG_LEVEL_ERR, "Could not alloc out merge buffer.\n");
   bool gotPacket = false;
+  int refused = 0;
   const int ret = gatherer.Encode(m_pEncoderCtx, frame, stream, gotPacket, [&](AVPacket* packet) {
-    WritePacket(oc, packet);
+    refused += WritePacket(oc, packet) ? 0 : 1;
     return true;
   });
+  for (; refused > 0; --refused) {
+    VY_LOG(LOG_LEVEL_ERR, "Error while writing audio frame\n");
+  }
   VY_FAIL_IF(ret < 0, 1, LOG_LEVEL_ERR, "Failed to encode data, Packet = %d.\n", gotPacket ? 1 : 0);
   return 0;
 }
 
-void AudioTranscoder::WritePacket(AVFormatContext* oc, AVPacket* packet) {
-  if (av_write_frame(oc, packet) < 0) {
-    VY_LOG(LOG_LEVEL_ERR, "Error while writing audio frame\n");
-    oc->pb->error = 0;  // or FFmpeg would not call the callback again
-    return;
-  }
-  av_write_frame(oc, nullptr);
+bool AudioTranscoder::WritePacket(AVFormatContext* oc, AVPacket* packet) {
+  const bool isWritten = av_write_frame(oc, packet) >= 0 && av_write_frame(oc, nullptr) >= 0;
+  oc->pb->error = 0;  // or FFmpeg would not call the callback again
+  return isWritten;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -223,6 +226,7 @@ void AudioTranscoder::Close() {
   LockAVCodecFreeContext(m_pEncoderCtx);
   if (m_pOutputCtx != nullptr) {
     if (m_isHeaderWritten) {
+      m_pOutputCtx->pb->error = 0;
       av_write_trailer(m_pOutputCtx);
     }
     if (m_pEncoding != nullptr) {

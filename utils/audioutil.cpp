@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <system_error>
+#include <utility>
 
 #include "platform/time.h"
 #include "utils/internal/audiofile.h"
@@ -75,6 +76,10 @@ constexpr UlawTable MakeUlawTable() {
 
 constexpr UlawTable kUlawTable = MakeUlawTable();
 
+inline unsigned char ToUlaw(short sample) {
+  return kUlawTable[static_cast<unsigned short>(sample) >> 2];
+}
+
 // --- files -----------------------------------------------------------------------------------------------------------
 
 void PutLittleEndian(unsigned char* at, std::uint32_t value, int bytes) {
@@ -106,14 +111,13 @@ int ReadContentFromFileToBuf(const std::string& path, mediautil::MallocPtr<unsig
   return 0;
 }
 
-// Patches one size; written where the stream stands when it cannot seek.
-void WriteSizeAt(FILE* file, int position, std::uint32_t size) {
-  if (std::fseek(file, position, SEEK_SET) != 0) {
-    VY_LOG(LOG_LEVEL_ERR, "Failed to seek file\n");
+// Writes behind what the stream has taken so far. False when a part of all that did not arrive, or without a stream.
+bool WriteAndClose(FilePtr file, const unsigned char* data, std::size_t size) {
+  if (file == nullptr) {
+    return false;
   }
-  std::array<unsigned char, 4> bytes{};
-  PutLittleEndian(bytes.data(), size, 4);
-  std::fwrite(bytes.data(), 1, bytes.size(), file);
+  const bool isTaken = std::fwrite(data, 1, size, file.get()) == size && std::ferror(file.get()) == 0;
+  return std::fclose(file.release()) == 0 && isTaken;
 }
 
 // --- conversion ------------------------------------------------------------------------------------------------------
@@ -133,17 +137,17 @@ struct Source {
   }
 };
 
-int RateOf(const SoundShape& shape) {
-  return shape.rate < 1 ? kDefaultRate : shape.rate;
+// What sound is taken for: only the count of its channels matters.
+SoundShape SourceShape(SoundShape shape) {
+  av_channel_layout_default(&shape.layout, shape.layout.nb_channels);
+  shape.rate = shape.rate < 1 ? kDefaultRate : shape.rate;
+  return shape;
 }
 
 SoundShape ShapeOfDecoder(const AVCodecContext& ctx) {
   SoundShape shape = mediautil::ShapeOf(ctx);
-  shape.rate = RateOf(shape);
-  if (shape.layout.nb_channels < 1) {
-    av_channel_layout_default(&shape.layout, kDefaultChannels);
-  }
-  return shape;
+  shape.layout.nb_channels = shape.layout.nb_channels < 1 ? kDefaultChannels : shape.layout.nb_channels;
+  return SourceShape(shape);
 }
 
 // Decoded frames to µ-law at the end of a file.
@@ -164,8 +168,7 @@ class UlawWriter {
 
   // A frame that cannot be converted, or that would be too long then, is left out. False when the file takes no more.
   bool Write(const AVFrame& frame) {
-    SoundShape in = mediautil::ShapeOf(frame);
-    in.rate = RateOf(in);
+    const SoundShape in = SourceShape(mediautil::ShapeOf(frame));
     const std::int64_t most = m_resampler.Follow(in) ? m_resampler.MaxOutput(frame.nb_samples) : 0;
     if (most < 1 || most * kChannels > kMaxSamples) {
       return true;
@@ -173,7 +176,8 @@ class UlawWriter {
     unsigned char* const planes[] = {reinterpret_cast<unsigned char*>(m_samples.get())};
     const int converted = m_resampler.Convert(planes, static_cast<int>(most), frame);
     const auto count = static_cast<std::size_t>(std::max(converted, 0) * kChannels);
-    std::transform(m_samples.get(), m_samples.get() + count, m_codes.get(), Linear2Ulaw);
+    std::transform(m_samples.get(), m_samples.get() + count, m_codes.get(),
+                   [](short sample) { return ToUlaw(sample); });
     return std::fwrite(m_codes.get(), 1, count, m_file) == count;
   }
 
@@ -187,7 +191,7 @@ class UlawWriter {
 }  // namespace
 
 unsigned char Linear2Ulaw(short sample) {
-  return kUlawTable[static_cast<unsigned short>(sample) >> 2];
+  return ToUlaw(sample);
 }
 
 short Ulaw2Linear(unsigned char code) {
@@ -228,8 +232,16 @@ void WriteWavHeader(FILE* file, int dataSize) {
 
 void UpdateWavMetaSize(FILE* file, int dataSize) {
   VY_FAIL_IF(file == nullptr, , LOG_LEVEL_ERR, "Failed to update wav header cause null file pointer.\n");
-  WriteSizeAt(file, kRiffSizeAt, RiffSize(dataSize));
-  WriteSizeAt(file, kDataSizeAt, static_cast<std::uint32_t>(dataSize));
+  const std::pair<int, std::uint32_t> sizes[] = {{kRiffSizeAt, RiffSize(dataSize)},
+                                                 {kDataSizeAt, static_cast<std::uint32_t>(dataSize)}};
+  for (const auto& [position, size] : sizes) {
+    if (std::fseek(file, position, SEEK_SET) != 0) {
+      VY_LOG(LOG_LEVEL_ERR, "Failed to seek file\n");
+    }
+    std::array<unsigned char, 4> bytes{};
+    PutLittleEndian(bytes.data(), size, 4);
+    std::fwrite(bytes.data(), 1, bytes.size(), file);
+  }
 }
 
 int AppendWavHeader(const std::string& path) {
@@ -241,10 +253,12 @@ int AppendWavHeader(const std::string& path) {
   VY_FAIL_IF(file == nullptr, -1, LOG_LEVEL_ERR, "Open file failed. [%s]\n", path.c_str());
   WriteWavHeader(file.get(), length);
   const auto size = static_cast<std::size_t>(length);
-  const bool isTaken = std::fwrite(content.get(), 1, size, file.get()) == size && std::ferror(file.get()) == 0;
-  const bool isWritten = std::fclose(file.release()) == 0 && isTaken;
-  VY_FAIL_IF(!isWritten, -1, LOG_LEVEL_ERR, "Failed to write file[%s]!\n", path.c_str());
-  return 0;
+  if (WriteAndClose(std::move(file), content.get(), size)) {
+    return 0;
+  }
+  VY_LOG(LOG_LEVEL_ERR, "Failed to write file[%s]!\n", path.c_str());
+  WriteAndClose(FilePtr(std::fopen(path.c_str(), "wbe")), content.get(), size);
+  return -1;
 }
 
 int GetWavAudioFileDataStartPos(const std::string& path) {

@@ -25,14 +25,15 @@ VY_API void WriteWavHeader(FILE* file, int dataSize);
 VY_API void UpdateWavMetaSize(FILE* file, int dataSize);
 
 // Puts the header in front of a file of raw µ-law samples. 0, or -1. A file that cannot be read, or has more than
-// INT_MAX bytes, stays as it was; one that cannot be written any more loses what did not fit.
+// INT_MAX bytes, stays as it was; one that has no room for the header gets its old content back, as far as it can still
+// be written.
 VY_API int AppendWavHeader(const std::string& path);
 
 // Where the samples of a WAV file begin, in bytes: 58 in the stock clips' directory, else 44. Does not read the file.
 VY_API int GetWavAudioFileDataStartPos(const std::string& path);
 
 // Opens a file and analyses its streams. 0, or -1. The caller closes fmt (avformat_close_input) in both cases: it may
-// be open after -1, or null. Anything but a plain file is refused; reading it might never end.
+// be open after -1, or null. Anything but a plain file is refused, playlists too: reading might never end.
 VY_API int GetAVFormat(const std::string& path, AVFormatContext*& fmt);
 
 // Describes the best audio stream of fmt in a new decoder context, not opened, and tells the stream's index. 0, and the

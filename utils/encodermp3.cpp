@@ -127,30 +127,39 @@ int EncoderMP3::InitResampleBuffer(AVCodecContext* inCtx) {
 // ---------------------------------------------------------------------------------------------------------------------
 
 int EncoderMP3::EncodeFrame(AVFrame* frame) {
-  return EncodeToOc(frame, nullptr, nullptr);
+  VY_FAIL_IF(frame == nullptr, kNoFrame, LOG_LEVEL_ERR, "Audio frame is nullptr.\n");
+  const FfPtr<AVFrame> work(av_frame_alloc());
+  VY_FAIL_IF(work == nullptr, kNoMemory, LOG_LEVEL_ERR, "Failed to alloc AVFrame.\n");
+  return Encode(frame, *work, nullptr, nullptr);
 }
 
 int EncoderMP3::EncodeToOc(AVFrame* frame, AVFormatContext* oc, AVStream* stream) {
   VY_FAIL_IF(frame == nullptr, kNoFrame, LOG_LEVEL_ERR, "Audio frame is nullptr.\n");
-  const FfPtr<AVFrame> converted(av_frame_alloc());
-  VY_FAIL_IF(converted == nullptr, kNoMemory, LOG_LEVEL_ERR, "Failed to alloc AVFrame.\n");
+  const FfPtr<AVFrame> work(av_frame_alloc());
+  VY_FAIL_IF(work == nullptr, kNoMemory, LOG_LEVEL_ERR, "Failed to alloc AVFrame.\n");
+  return Encode(frame, *work, oc, stream);
+}
+
+int EncoderMP3::Encode(AVFrame* in, AVFrame& work, AVFormatContext* oc, AVStream* stream) {
   const bool hasOutput = (oc != nullptr && stream != nullptr) || m_pFile != nullptr;
   VY_FAIL_IF(m_pEncoderCtx == nullptr || !hasOutput, kFailed, LOG_LEVEL_ERR, "No encoder[%p] or no output.\n",
              static_cast<const void*>(m_pEncoderCtx));
-  return InitAVFrame(*converted, frame) < 0 ? kFailed : DoEncode(converted.get(), oc, stream);
+  const int ret = InitAVFrame(work, in);
+  return ret < 0 ? -ret : DoEncode(&work, oc, stream);
 }
 
+// The converted bytes, or a negative result code.
 int EncoderMP3::InitAVFrame(AVFrame& out, AVFrame* in) {
   using Outcome = SoundGatherer::Outcome;
   const AVCodecContext& enc = *m_pEncoderCtx;
   const Outcome outcome = m_pGatherer->Convert(MonoShape(in->format, in->sample_rate), *in, enc, out);
-  VY_FAIL_IF(outcome == Outcome::kNoMemory, -1, LOG_LEVEL_ERR, "Could not alloc out buffer.\n");
-  VY_FAIL_IF(outcome != Outcome::kOk, -1, LOG_LEVEL_ERR, "Failed to swr_convert.\n");
+  VY_FAIL_IF(outcome == Outcome::kNoMemory, -kNoMemory, LOG_LEVEL_ERR, "Could not alloc out buffer.\n");
+  VY_FAIL_IF(outcome != Outcome::kOk, -kFailed, LOG_LEVEL_ERR, "Failed to swr_convert.\n");
   return std::max(0, av_samples_get_buffer_size(nullptr, enc.ch_layout.nb_channels, out.nb_samples, enc.sample_fmt, 1));
 }
 
 int EncoderMP3::DoEncode(AVFrame* frame, AVFormatContext* oc, AVStream* stream) {
-  VY_FAIL_IF(!m_pGatherer->Append(*frame), kFailed, LOG_LEVEL_ERR, "Could not alloc out merge buffer.\n");
+  VY_FAIL_IF(!m_pGatherer->Append(*frame), kNoMemory, LOG_LEVEL_ERR, "Could not alloc out merge buffer.\n");
   bool gotPacket = false;
   bool isWritten = true;
   const int ret = m_pGatherer->Encode(m_pEncoderCtx, frame, stream, gotPacket, [&](AVPacket* packet) {
@@ -162,8 +171,8 @@ int EncoderMP3::DoEncode(AVFrame* frame, AVFormatContext* oc, AVStream* stream) 
 }
 
 bool EncoderMP3::WriteToOc(AVPacket* packet, AVFormatContext* oc) {
-  VY_FAIL_IF(av_write_frame(oc, packet) < 0, false, LOG_LEVEL_ERR, "Error while writing audio frame\n");
-  av_write_frame(oc, nullptr);
+  VY_FAIL_IF(av_write_frame(oc, packet) < 0 || av_write_frame(oc, nullptr) < 0, false, LOG_LEVEL_ERR,
+             "Error while writing audio frame\n");
   return true;
 }
 

@@ -55,7 +55,8 @@ class VY_API EncoderMP3 {
   // second preparation and the destructor call it.
   void Close();
 
-  // Forgets the caller's encoder, which stays with its owner; no frame can be encoded then.
+  // Forgets the caller's encoder, which stays with its owner, and frees one that was opened here; no frame can be
+  // encoded then.
   void ResetOutputConext();
 
  private:
@@ -63,6 +64,7 @@ class VY_API EncoderMP3 {
   int AddAudioStream(AVCodecID id, AVCodecContext* inCtx, AVCodecContext* encCtx);
   int InitResample(AVCodecContext* inCtx);
   int InitResampleBuffer(AVCodecContext* inCtx);
+  int Encode(AVFrame* in, AVFrame& work, AVFormatContext* oc, AVStream* stream);
   int InitAVFrame(AVFrame& out, AVFrame* in);
   int DoEncode(AVFrame* frame, AVFormatContext* oc, AVStream* stream);
   static bool WriteToOc(AVPacket* packet, AVFormatContext* oc);

@@ -29,7 +29,7 @@ class VY_API DemuxMp3 {
   DemuxMp3& operator=(const DemuxMp3&) = delete;
 
   // Opens a file's best audio stream and describes it as GetAdoFmt does (audioutil.h); fmt's old p_extra is freed. 0;
-  // or -1 with fmt unchanged and nothing open. Anything but a plain file is refused. A file that was open is closed
+  // or -1 with fmt unchanged and nothing open. What GetAVFormat refuses is refused. A file that was open is closed
   // first.
   int Open(std::string path, ESFormat& fmt);
 

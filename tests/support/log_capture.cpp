@@ -74,8 +74,8 @@ std::vector<LogLine> LogCapture::FfmpegLines() const {
   return Select(true);
 }
 
-std::vector<std::string> LogCapture::Messages() const {
-  std::vector<std::string> messages;
+::Messages LogCapture::Messages() const {
+  ::Messages messages;
   for (const LogLine& line : Lines()) messages.push_back(line.level + "|" + line.text);
   return messages;
 }

@@ -15,6 +15,8 @@ struct LogLine {
   std::string text;
 };
 
+using Messages = std::vector<std::string>;
+
 // Records from its construction on, with every level of the media category let through. One at a time.
 class LogCapture {
  public:
@@ -25,7 +27,7 @@ class LogCapture {
   std::vector<LogLine> Lines() const;
   std::vector<LogLine> FfmpegLines() const;
   // "ERR|text" of each line, newlines included.
-  std::vector<std::string> Messages() const;
+  ::Messages Messages() const;
   std::string Text() const;  // the messages in one
   void Clear();
 

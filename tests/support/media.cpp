@@ -4,11 +4,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
 #include <stdexcept>
 
-#include "utils/esformat.h"
-#include "utils/ffmpegdemuxer.h"
 #include "utils/internal/ffcompat.h"
 
 extern "C" {
@@ -25,16 +25,14 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 
 namespace {
 
-void Check(bool ok, const char* step) {
-  if (!ok) throw std::runtime_error(std::string("media factory: ") + step);
-}
+constexpr AVRational kFrameRate = {25, 1};
 
 FfPtr<AVFrame> NewFrame(AVPixelFormat format, int width, int height, int alignment = 0) {
   FfPtr<AVFrame> frame(av_frame_alloc());
   frame->format = format;
   frame->width = width;
   frame->height = height;
-  Check(av_frame_get_buffer(frame.get(), alignment) >= 0, "picture buffer");
+  Require(av_frame_get_buffer(frame.get(), alignment) >= 0, "picture buffer");
   return frame;
 }
 
@@ -43,20 +41,13 @@ FfPtr<AVFrame> Converted(const AVFrame* frame, AVPixelFormat format) {
   const FfPtr<SwsContext> sws(sws_getContext(frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
                                              frame->width, frame->height, format, SWS_BICUBIC, nullptr, nullptr,
                                              nullptr));
-  Check(sws != nullptr, "scaler");
+  Require(sws != nullptr, "scaler");
   sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, converted->data, converted->linesize);
   return converted;
 }
 
-FfPtr<AVPacket> NewPacket(const Bytes& data) {
-  FfPtr<AVPacket> packet(av_packet_alloc());
-  Check(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
-  std::memcpy(packet->data, data.data(), data.size());
-  return packet;
-}
-
 void Encode(AVCodecContext* ctx, const AVFrame* frame, Clip& clip) {
-  Check(avcodec_send_frame(ctx, frame) >= 0, "send frame");
+  Require(avcodec_send_frame(ctx, frame) >= 0, "send frame");
   const FfPtr<AVPacket> packet(av_packet_alloc());
   while (avcodec_receive_packet(ctx, packet.get()) >= 0) {
     clip.frames.push_back(
@@ -67,12 +58,12 @@ void Encode(AVCodecContext* ctx, const AVFrame* frame, Clip& clip) {
 
 FfPtr<AVCodecContext> OpenEncoder(const ClipWish& wish) {
   const AVCodec* codec = avcodec_find_encoder_by_name(wish.encoder);
-  Check(codec != nullptr, wish.encoder);
+  Require(codec != nullptr, wish.encoder);
   FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
   ctx->width = wish.width;
   ctx->height = wish.height;
-  ctx->time_base = {1, 25};
-  ctx->framerate = {25, 1};
+  ctx->time_base = av_inv_q(kFrameRate);
+  ctx->framerate = kFrameRate;
   ctx->gop_size = wish.gop;
   ctx->max_b_frames = wish.bFrames;
   ctx->thread_count = 1;
@@ -88,20 +79,15 @@ FfPtr<AVCodecContext> OpenEncoder(const ClipWish& wish) {
   av_opt_set(ctx->priv_data, "x264-params", (params + separator + "scenecut=0").c_str(), 0);
   const std::string serial = "log-level=none:pools=none:frame-threads=1:bframes=" + std::to_string(wish.bFrames);
   av_opt_set(ctx->priv_data, "x265-params", (params + separator + serial).c_str(), 0);
-  Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
+  Require(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
   return ctx;
 }
 
 AVStream* AddVideo(AVFormatContext* oc, const Clip& clip) {
   AVStream* st = avformat_new_stream(oc, nullptr);
-  st->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
-  st->codecpar->codec_id = clip.codecId;
-  st->codecpar->width = clip.width;
-  st->codecpar->height = clip.height;
-  st->time_base = {1, clip.framesPerSecond};
-  st->avg_frame_rate = {clip.framesPerSecond, 1};
-  st->codecpar->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
-  st->codecpar->extradata_size = static_cast<int>(clip.extradata.size());
+  avcodec_parameters_copy(st->codecpar, ParametersOf(clip).get());
+  st->time_base = av_inv_q(kFrameRate);
+  st->avg_frame_rate = kFrameRate;
   return st;
 }
 
@@ -116,26 +102,26 @@ AVStream* AddSilence(AVFormatContext* oc, int rate) {
   return st;
 }
 
-void WritePacket(AVFormatContext* oc, const AVStream* st, const Bytes& data, std::int64_t pts, std::int64_t dts,
-                 std::int64_t duration, AVRational timeBase, bool key) {
-  const FfPtr<AVPacket> packet = NewPacket(data);
+// Times in ticks of timeBase.
+void WritePacket(AVFormatContext* oc, const AVStream* st, const CodedFrame& frame, std::int64_t dts,
+                 std::int64_t duration, AVRational timeBase) {
+  const FfPtr<AVPacket> packet(av_packet_alloc());
+  Require(av_new_packet(packet.get(), static_cast<int>(frame.data.size())) >= 0, "packet");
+  std::copy(frame.data.begin(), frame.data.end(), packet->data);
   packet->stream_index = st->index;
-  packet->flags = key ? AV_PKT_FLAG_KEY : 0;
-  packet->pts = av_rescale_q(pts, timeBase, st->time_base);
-  packet->dts = av_rescale_q(dts, timeBase, st->time_base);
-  packet->duration = av_rescale_q(duration, timeBase, st->time_base);
-  Check(av_interleaved_write_frame(oc, packet.get()) >= 0, "write packet");
-}
-
-FETCH_CONN CollectVideo(void* opaque, ESFormat& fmt, AVPacket& pkt, AVStream*) {
-  if (fmt.i_cat == ES_VIDEO) {
-    static_cast<Clip*>(opaque)->frames.push_back(
-        {Bytes(pkt.data, pkt.data + pkt.size), pkt.pts, (pkt.flags & AV_PKT_FLAG_KEY) != 0});
-  }
-  return FETCH_CONN_NEXT;
+  packet->flags = frame.key ? AV_PKT_FLAG_KEY : 0;
+  packet->pts = frame.pts;
+  packet->dts = dts;
+  packet->duration = duration;
+  av_packet_rescale_ts(packet.get(), timeBase, st->time_base);
+  Require(av_interleaved_write_frame(oc, packet.get()) >= 0, "write packet");
 }
 
 }  // namespace
+
+void Require(bool ok, const std::string& step) {
+  if (!ok) throw std::runtime_error("material: " + step);
+}
 
 FfPtr<AVFrame> TestPicture(AVPixelFormat format, int width, int height, int n) {
   FfPtr<AVFrame> rgb = NewFrame(AV_PIX_FMT_RGB24, width, height);
@@ -159,9 +145,7 @@ FfPtr<AVFrame> SolidRgb(int width, int height, std::uint8_t r, std::uint8_t g, s
   const std::uint8_t colour[] = {r, g, b};
   for (int y = 0; y < height; ++y) {
     std::uint8_t* pixel = frame->data[0] + static_cast<std::ptrdiff_t>(y) * frame->linesize[0];
-    for (int x = 0; x < width; ++x, pixel += 3) {
-      std::copy_n(colour, 3, pixel);
-    }
+    for (int x = 0; x < width; ++x, pixel += 3) std::copy_n(colour, 3, pixel);
   }
   return frame;
 }
@@ -184,45 +168,41 @@ Clip EncodeClip(const ClipWish& wish) {
 }
 
 Bytes MxpegKeyFrame(int width, int height) {
-  const Bytes jpeg = EncodeClip({"mjpeg", width, height, 1}).frames.at(0).data;
-  const auto wide = static_cast<std::size_t>(width + 15) / 16;
-  const auto high = static_cast<std::size_t>(height + 15) / 16;
-  const std::size_t maskSize = (wide * high + 7) / 8;
-  const auto byte = [](std::size_t value) { return static_cast<std::uint8_t>(value & 0xFF); };
-  const std::size_t length = 14 + maskSize;
-  Bytes comment = {0xFF,
-                   0xFE,
-                   byte(length >> 8),
-                   byte(length),
-                   'M',
-                   'X',
-                   'M',
-                   0,
-                   byte(wide),
-                   byte(wide >> 8),
-                   byte(high),
-                   byte(high >> 8),
-                   0,
-                   0,
-                   0,
-                   0};
-  comment.insert(comment.end(), maskSize, 0xFF);
-  Bytes frame = jpeg;
+  const int wide = (width + 15) / 16;
+  const int high = (height + 15) / 16;
+  const int maskSize = (wide * high + 7) / 8;
+  Bytes comment = {0xFF, 0xFE, 0, 0, 'M', 'X', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  comment[3] = static_cast<std::uint8_t>(14 + maskSize);
+  comment[8] = static_cast<std::uint8_t>(wide);
+  comment[10] = static_cast<std::uint8_t>(high);
+  comment.insert(comment.end(), static_cast<std::size_t>(maskSize), 0xFF);
+  Bytes frame = EncodeClip({"mjpeg", width, height, 1}).frames.at(0).data;
   frame.insert(frame.begin() + 2, comment.begin(), comment.end());
   return frame;
 }
 
+FfPtr<AVCodecParameters> ParametersOf(const Clip& clip) {
+  FfPtr<AVCodecParameters> par(avcodec_parameters_alloc());
+  par->codec_type = AVMEDIA_TYPE_VIDEO;
+  par->codec_id = clip.codecId;
+  par->width = clip.width;
+  par->height = clip.height;
+  par->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
+  par->extradata_size = static_cast<int>(clip.extradata.size());
+  return par;
+}
+
 void WriteFile(const Clip& clip, const std::string& path, int audioRate) {
   AVFormatContext* oc = nullptr;
-  Check(avformat_alloc_output_context2(&oc, nullptr, nullptr, path.c_str()) >= 0, "container");
+  Require(avformat_alloc_output_context2(&oc, nullptr, nullptr, path.c_str()) >= 0, "container");
   const mediautil::ScopeExit release([oc] {
     avio_closep(&oc->pb);
     avformat_free_context(oc);
   });
   const AVStream* video = AddVideo(oc, clip);
   const AVStream* audio = audioRate > 0 ? AddSilence(oc, audioRate) : nullptr;
-  Check(avio_open(&oc->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0, path.c_str());
-  Check(avformat_write_header(oc, nullptr) >= 0, "header");
+  Require(avio_open(&oc->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0, path);
+  Require(avformat_write_header(oc, nullptr) >= 0, "header");
   // Frames arrive in decoding order; with B-frames the decoding times start early enough for all of them.
   std::int64_t delay = 0;
   for (std::size_t i = 0; i < clip.frames.size(); ++i) {
@@ -230,43 +210,14 @@ void WriteFile(const Clip& clip, const std::string& path, int audioRate) {
   }
   for (std::size_t i = 0; i < clip.frames.size(); ++i) {
     const auto n = static_cast<std::int64_t>(i);
-    WritePacket(oc, video, clip.frames[i].data, clip.frames[i].pts, n - delay, 1, {1, clip.framesPerSecond},
-                clip.frames[i].key);
+    WritePacket(oc, video, clip.frames[i], n - delay, 1, av_inv_q(kFrameRate));
     if (audio != nullptr) {
-      const std::int64_t samples = audioRate / clip.framesPerSecond;
-      WritePacket(oc, audio, Bytes(static_cast<std::size_t>(samples), 0xFF), n * samples, n * samples, samples,
-                  {1, audioRate}, true);
+      const int samples = audioRate / kFrameRate.num;
+      const Bytes silence(static_cast<std::size_t>(samples), 0xFF);
+      WritePacket(oc, audio, {silence, n * samples, true}, n * samples, samples, {1, audioRate});
     }
   }
-  Check(av_write_trailer(oc) >= 0, "trailer");
-}
-
-Clip AsInMp4(const Clip& clip, const std::string& path) {
-  WriteFile(clip, path);
-  Clip read = clip;
-  read.frames.clear();
-  FFmpegDemux demux;
-  ESFormat video;
-  ESFormat audio;
-  Check(demux.Open(path, video, audio) == 0, "reopen");
-  demux.Demux(video, audio, &read, CollectVideo);
-  read.extradata.assign(video.p_extra, video.p_extra + video.i_extra);
-  video.Reset(ES_UNKNOWN);
-  audio.Reset(ES_UNKNOWN);
-  return read;
-}
-
-FfPtr<AVFrame> ReferencePicture(const Clip& clip, std::size_t frames) {
-  const AVCodec* codec = avcodec_find_decoder(clip.codecId);
-  const FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
-  ctx->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
-  ctx->extradata_size = static_cast<int>(clip.extradata.size());
-  Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open decoder");
-  for (std::size_t i = 0; i < frames; ++i) avcodec_send_packet(ctx.get(), NewPacket(clip.frames.at(i).data).get());
-  avcodec_send_packet(ctx.get(), nullptr);
-  FfPtr<AVFrame> frame(av_frame_alloc());
-  Check(avcodec_receive_frame(ctx.get(), frame.get()) >= 0, "decode");
-  return frame;
+  Require(av_write_trailer(oc) >= 0, "trailer");
 }
 
 double MeanDifference(const AVFrame* a, const AVFrame* b) {
@@ -289,5 +240,31 @@ unsigned int PixelAt(const std::uint8_t* rgb, int stride, int x, int y) {
 
 void SaveBytes(const std::string& path, const void* data, std::size_t size) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
-  Check(file != nullptr && std::fwrite(data, 1, size, file) == size && std::fclose(file) == 0, path.c_str());
+  Require(file != nullptr && std::fwrite(data, 1, size, file) == size && std::fclose(file) == 0, path);
+}
+
+Bytes ReadBytes(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+Bytes RandomBytes(std::size_t size, unsigned int below) {
+  static std::mt19937 random(3);
+  Bytes bytes(size);
+  std::generate(bytes.begin(), bytes.end(), [below] { return static_cast<std::uint8_t>(random() % below); });
+  return bytes;
+}
+
+Bytes BigEndian(std::uint64_t value, int size) {
+  Bytes bytes;
+  for (int shift = size * 8 - 8; shift >= 0; shift -= 8) {
+    bytes.push_back(static_cast<std::uint8_t>(value >> shift));
+  }
+  return bytes;
+}
+
+Bytes Joined(const std::vector<Bytes>& pieces) {
+  Bytes joined;
+  for (const Bytes& piece : pieces) joined.insert(joined.end(), piece.begin(), piece.end());
+  return joined;
 }

@@ -19,7 +19,6 @@ struct Clip {
   AVCodecID codecId = AV_CODEC_ID_NONE;
   int width = 0;
   int height = 0;
-  int framesPerSecond = 25;
   Bytes extradata;
   std::vector<CodedFrame> frames;
 };
@@ -42,8 +41,10 @@ mediautil::FfPtr<AVFrame> TestPicture(AVPixelFormat format, int width, int heigh
 mediautil::FfPtr<AVFrame> SolidRgb(int width, int height, std::uint8_t r, std::uint8_t g, std::uint8_t b,
                                    int alignment = 1);
 
-// Encodes the test picture.
+// Encodes the test picture, 25 frames a second.
 Clip EncodeClip(const ClipWish& wish);
+
+mediautil::FfPtr<AVCodecParameters> ParametersOf(const Clip& clip);
 
 // A baseline JPEG of the test picture as an MxPEG key frame, with the changed-blocks mask of such cameras.
 Bytes MxpegKeyFrame(int width, int height);
@@ -51,16 +52,25 @@ Bytes MxpegKeyFrame(int width, int height);
 // Writes a clip into a file of the container that its name asks for. audioRate above 0 adds a silent sound track.
 void WriteFile(const Clip& clip, const std::string& path, int audioRate = 0);
 
-// The clip's frames and configuration data as an MP4 file stores them: length-prefixed, avcC or hvcC.
-Clip AsInMp4(const Clip& clip, const std::string& path);
-
-// Decodes with FFmpeg directly: first picture of the given frames, drained.
-mediautil::FfPtr<AVFrame> ReferencePicture(const Clip& clip, std::size_t frames = 1);
-
 // Mean absolute difference of two pictures, of one size, as RGB24; 255 when sizes differ.
 double MeanDifference(const AVFrame* a, const AVFrame* b);
 
 // Colour of one pixel, 0xRRGGBB, of packed RGB rows.
 unsigned int PixelAt(const std::uint8_t* rgb, int stride, int x, int y);
 
+// Throws where a test's own material cannot be made.
+void Require(bool ok, const std::string& step);
+
 void SaveBytes(const std::string& path, const void* data, std::size_t size);
+
+// The bytes of a file; none when it cannot be read.
+Bytes ReadBytes(const std::string& path);
+
+// The bytes of a number, the most significant one first.
+Bytes BigEndian(std::uint64_t value, int size);
+
+// The pieces as one.
+Bytes Joined(const std::vector<Bytes>& pieces);
+
+// Some bytes, the same in every run of a test.
+Bytes RandomBytes(std::size_t size, unsigned int below = 256);

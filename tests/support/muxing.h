@@ -7,6 +7,24 @@
 #include "tests/support/readback.h"
 #include "utils/ffmpegmuxer.h"
 
+constexpr FFMPEG_MUXER_FORMAT kMp4 = FFMPEG_MUXER_FORMAT_MP4;
+constexpr FFMPEG_MUXER_FORMAT kFlv = FFMPEG_MUXER_FORMAT_FLV;
+constexpr FFMPEG_MUXER_FORMAT kMp3 = FFMPEG_MUXER_FORMAT_MP3;
+
+constexpr double kMp3Level = 0.475;  // the encoder plays 0.5 at 0.95 of it
+
+// H.264 with its parameter sets apart, a key frame every ten.
+inline const Clip& H264() {
+  static const Clip clip = EncodeClip({"libx264", 160, 120, 30, 0, true, 10});
+  return clip;
+}
+
+// Raw packets of 64 ms.
+inline const SoundClip& Aac() {
+  static const SoundClip clip = EncodeTone({"aac", 16000, 1, 1.2, 1000, 48000});
+  return clip;
+}
+
 // Collects the output. answer decides what the callback returns for a number of bytes; without it, all are taken.
 struct Sink {
   Bytes bytes;
@@ -50,9 +68,7 @@ class Policy : public MuxCtrler {
   }
   int AfterWriteVdo(AVFormatContext*) const override {
     ++afterVdoCalls;
-    if (afterVdo) {
-      afterVdo();
-    }
+    if (afterVdo) afterVdo();
     return -1;  // has no meaning
   }
   int AfterWriteAdo(AVFormatContext*) const override {
@@ -67,19 +83,20 @@ struct Muxing {
   Sink sink;
   FFmpegMuxer muxer{policy};
 
-  int Init(FFMPEG_MUXER_FORMAT format = FFMPEG_MUXER_FORMAT_MP4) { return muxer.Init(format, &sink, Sink::Write); }
-  int AddVideo(const Clip& clip, const char* codec = "H264") {
+  int Init(FFMPEG_MUXER_FORMAT format = kMp4) { return muxer.Init(format, &sink, Sink::Write); }
+  int AddVideo(const Clip& clip = H264(), const char* codec = "H264") {
     return muxer.AddVdoStream(codec, clip.width, clip.height, clip.extradata.data(),
                               static_cast<int>(clip.extradata.size()));
   }
-  int AddSound(const char* info, const char* codec) { return muxer.AddAdoStream(info, codec, false); }
+  int AddSound(const char* info = "1|16000", const char* codec = "MPEG4-GENERIC") {
+    return muxer.AddAdoStream(info, codec, false);
+  }
 
   // Ready for frames of one stream: 0, or -1.
-  int Start(const Clip& clip, const char* codec = "H264", FFMPEG_MUXER_FORMAT format = FFMPEG_MUXER_FORMAT_MP4) {
+  int Start(const Clip& clip = H264(), const char* codec = "H264", FFMPEG_MUXER_FORMAT format = kMp4) {
     return Init(format) == 0 && AddVideo(clip, codec) == 0 ? muxer.WriteHeader() : -1;
   }
-  int Start(const char* info, const char* codec, FFMPEG_MUXER_FORMAT format = FFMPEG_MUXER_FORMAT_MP4,
-            bool g726LittleEndian = false) {
+  int Start(const char* info, const char* codec, FFMPEG_MUXER_FORMAT format = kMp4, bool g726LittleEndian = false) {
     return Init(format) == 0 && muxer.AddAdoStream(info, codec, g726LittleEndian) == 0 ? muxer.WriteHeader() : -1;
   }
 
@@ -88,7 +105,7 @@ struct Muxing {
                                ptsUs, frame.key);
   }
   // A whole clip, 25 frames a second. The number of frames that were written.
-  int Video(const Clip& clip, long long firstUs = 1000000) {
+  int Video(const Clip& clip = H264(), long long firstUs = 1000000) {
     int written = 0;
     for (const CodedFrame& frame : clip.frames) {
       written += Video(frame, firstUs) == 0 ? 1 : 0;
@@ -104,5 +121,10 @@ struct Muxing {
   std::vector<Track> End() {
     muxer.Finalize();
     return ReadBack(sink.bytes);
+  }
+  // The same of an output with one track.
+  Track EndOne() {
+    std::vector<Track> tracks = End();
+    return tracks.size() == 1 ? std::move(tracks[0]) : Track();
   }
 };

@@ -13,9 +13,7 @@ FfPtr<AVCodecContext> OpenDecoder(const AVCodecParameters* par) {
   const AVCodec* codec = avcodec_find_decoder(par->codec_id);
   FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
   avcodec_parameters_to_context(ctx.get(), par);
-  if (codec == nullptr || avcodec_open2(ctx.get(), codec, nullptr) < 0) {
-    return nullptr;
-  }
+  if (codec == nullptr || avcodec_open2(ctx.get(), codec, nullptr) < 0) return nullptr;
   return ctx;
 }
 
@@ -26,16 +24,12 @@ void Decode(AVCodecContext* ctx, const AVPacket* packet, Track& track) {
   }
   for (;;) {
     FfPtr<AVFrame> frame(av_frame_alloc());
-    if (avcodec_receive_frame(ctx, frame.get()) < 0) {
-      return;
-    }
+    if (avcodec_receive_frame(ctx, frame.get()) < 0) return;
     if (ctx->codec_type == AVMEDIA_TYPE_VIDEO) {
       track.pictures.push_back(std::move(frame));
     } else {
       AppendSamples(frame.get(), track.sound);
-      if (frame->ch_layout.nb_channels > 1) {
-        AppendSamples(frame.get(), track.right, 1);
-      }
+      if (frame->ch_layout.nb_channels > 1) AppendSamples(frame.get(), track.right, 1);
     }
   }
 }
@@ -54,46 +48,11 @@ void Describe(const AVCodecParameters& par, Track& track) {
 
 std::uint64_t Number(const Bytes& bytes, std::size_t at, std::size_t size) {
   std::uint64_t number = 0;
-  for (std::size_t i = 0; i < size; ++i) {
-    number = number << 8 | bytes.at(at + i);
-  }
+  for (std::size_t i = 0; i < size; ++i) number = number << 8 | bytes.at(at + i);
   return number;
 }
 
-struct Box {
-  std::string type;
-  std::size_t begin;  // of the body
-  std::size_t end;
-};
-
-std::vector<Box> BoxesIn(const Bytes& bytes, std::size_t begin, std::size_t end) {
-  std::vector<Box> boxes;
-  while (begin + 8 <= end) {
-    const auto size = static_cast<std::size_t>(Number(bytes, begin, 4));
-    const auto type = bytes.begin() + static_cast<std::ptrdiff_t>(begin) + 4;
-    boxes.push_back({std::string(type, type + 4), begin + 8, begin + size});
-    begin += std::max<std::size_t>(size, 8);
-  }
-  return boxes;
-}
-
-std::int64_t RunDuration(const Bytes& bytes, const Box& run, std::uint64_t defaultDuration) {
-  const std::uint64_t flags = Number(bytes, run.begin, 4);
-  const std::uint64_t count = Number(bytes, run.begin + 4, 4);
-  std::size_t at = run.begin + 8 + (flags & 1 ? 4 : 0) + (flags & 4 ? 4 : 0);
-  std::uint64_t sum = 0;
-  for (std::uint64_t i = 0; i < count; ++i) {
-    sum += flags & 0x100 ? Number(bytes, at, 4) : defaultDuration;
-    at += 4 * static_cast<std::size_t>(__builtin_popcountll(flags & 0xF00));
-  }
-  return static_cast<std::int64_t>(sum);
-}
-
 }  // namespace
-
-bool Track::TimesRise() const {
-  return std::adjacent_find(times.begin(), times.end(), [](auto a, auto b) { return a >= b; }) == times.end();
-}
 
 std::vector<Track> ReadBack(const Bytes& container, const char* format, const char* options) {
   const TempDir dir;
@@ -114,9 +73,7 @@ std::vector<Track> ReadBack(const Bytes& container, const char* format, const ch
   for (unsigned int i = 0; i < opened->nb_streams; ++i) {
     Describe(*opened->streams[i]->codecpar, tracks[i]);
     decoders.push_back(OpenDecoder(opened->streams[i]->codecpar));
-    if (decoders.back() != nullptr) {
-      decoders.back()->pkt_timebase = opened->streams[i]->time_base;
-    }
+    if (decoders.back() != nullptr) decoders.back()->pkt_timebase = opened->streams[i]->time_base;
   }
   const FfPtr<AVPacket> packet(av_packet_alloc());
   while (av_read_frame(opened, packet.get()) >= 0) {
@@ -127,19 +84,21 @@ std::vector<Track> ReadBack(const Bytes& container, const char* format, const ch
     Decode(decoders[i].get(), packet.get(), tracks[i]);
     av_packet_unref(packet.get());
   }
-  for (std::size_t i = 0; i < tracks.size(); ++i) {
-    Decode(decoders[i].get(), nullptr, tracks[i]);
-  }
+  for (std::size_t i = 0; i < tracks.size(); ++i) Decode(decoders[i].get(), nullptr, tracks[i]);
   return tracks;
 }
 
+Clip AsInMp4(Clip clip) {
+  const TempDir dir;
+  WriteFile(clip, dir.Path("clip.mp4"));
+  const Track track = std::move(ReadBack(ReadBytes(dir.Path("clip.mp4"))).at(0));
+  clip.extradata = track.extradata;
+  for (std::size_t i = 0; i < clip.frames.size(); ++i) clip.frames[i].data = track.packets.at(i);
+  return clip;
+}
+
 std::vector<FfPtr<AVFrame>> DecodeFrames(const Clip& clip) {
-  const FfPtr<AVCodecParameters> par(avcodec_parameters_alloc());
-  par->codec_type = AVMEDIA_TYPE_VIDEO;
-  par->codec_id = clip.codecId;
-  par->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
-  par->extradata_size = static_cast<int>(clip.extradata.size());
-  const FfPtr<AVCodecContext> ctx = OpenDecoder(par.get());
+  const FfPtr<AVCodecContext> ctx = OpenDecoder(ParametersOf(clip).get());
   const FfPtr<AVPacket> packet(av_packet_alloc());
   Track track;
   for (const CodedFrame& frame : clip.frames) {
@@ -153,32 +112,16 @@ std::vector<FfPtr<AVFrame>> DecodeFrames(const Clip& clip) {
 
 std::vector<std::int64_t> FragmentTimes(const Bytes& mp4, unsigned int track) {
   std::vector<std::int64_t> times;
-  std::int64_t end = 0;
-  for (const Box& moof : BoxesIn(mp4, 0, mp4.size())) {
-    if (moof.type != "moof") {
-      continue;
+  bool isWanted = false;
+  for (std::size_t at = 0; at + 8 <= mp4.size();) {
+    const std::uint64_t type = Number(mp4, at + 4, 4);
+    const bool isParent = type == MKBETAG('m', 'o', 'o', 'f') || type == MKBETAG('t', 'r', 'a', 'f');
+    if (type == MKBETAG('t', 'f', 'h', 'd')) {
+      isWanted = Number(mp4, at + 12, 4) == track;
+    } else if (type == MKBETAG('t', 'f', 'd', 't') && isWanted) {
+      times.push_back(static_cast<std::int64_t>(Number(mp4, at + 12, mp4.at(at + 8) == 1 ? 8 : 4)));
     }
-    for (const Box& traf : BoxesIn(mp4, moof.begin, moof.end)) {
-      std::uint64_t id = 0;
-      std::uint64_t duration = 0;
-      for (const Box& box : traf.type == "traf" ? BoxesIn(mp4, traf.begin, traf.end) : std::vector<Box>()) {
-        if (box.type == "tfhd") {
-          const std::uint64_t flags = Number(mp4, box.begin, 4);
-          id = Number(mp4, box.begin + 4, 4);
-          const std::size_t at = box.begin + 8 + (flags & 1 ? 8 : 0) + (flags & 2 ? 4 : 0);
-          duration = flags & 8 ? Number(mp4, at, 4) : 0;
-        } else if (box.type == "tfdt" && id == track) {
-          const bool isLong = mp4.at(box.begin) == 1;
-          times.push_back(static_cast<std::int64_t>(Number(mp4, box.begin + 4, isLong ? 8 : 4)));
-          end = times.back();
-        } else if (box.type == "trun" && id == track) {
-          end += RunDuration(mp4, box, duration);
-        }
-      }
-    }
-  }
-  if (!times.empty()) {
-    times.push_back(end);
+    at += isParent ? 8 : std::max<std::size_t>(8, static_cast<std::size_t>(Number(mp4, at, 4)));
   }
   return times;
 }

@@ -20,16 +20,17 @@ struct Track {
   Samples sound;
   Samples right;   // the second channel of sound that has one
   int errors = 0;  // packets that the decoder refused
-
-  bool TimesRise() const;
 };
 
 // Reads and decodes all streams; none when the bytes cannot be opened. Bytes that do not tell what they are need the
 // name of their format and its options, "sample_rate=8000:code_size=4".
 std::vector<Track> ReadBack(const Bytes& container, const char* format = nullptr, const char* options = "");
 
+// The clip's frames and configuration data as an MP4 file stores them: length-prefixed, avcC or hvcC.
+Clip AsInMp4(Clip clip);
+
 // The pictures of a clip's frames without any container around them.
 std::vector<mediautil::FfPtr<AVFrame>> DecodeFrames(const Clip& clip);
 
-// The decoding times of the fragments of one track of an MP4 and where the last one ends, in ticks of the track.
+// The decoding times of the fragments of one track of an MP4, in ticks of the track.
 std::vector<std::int64_t> FragmentTimes(const Bytes& mp4, unsigned int track);

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 
 #include "utils/internal/aacconfig.h"
 #include "utils/internal/ffcompat.h"
@@ -17,15 +17,9 @@ using mediautil::FfPtr;
 
 namespace {
 
-void Check(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("sound factory: ") + step);
-  }
-}
-
 FfPtr<AVCodecContext> OpenEncoder(const SoundWish& wish) {
   const AVCodec* codec = avcodec_find_encoder_by_name(wish.encoder);
-  Check(codec != nullptr, wish.encoder);
+  Require(codec != nullptr, wish.encoder);
   FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
   ctx->sample_rate = wish.rate;
   av_channel_layout_default(&ctx->ch_layout, wish.channels);
@@ -35,7 +29,7 @@ FfPtr<AVCodecContext> OpenEncoder(const SoundWish& wish) {
     ctx->bit_rate = wish.bitRate;
     ctx->bits_per_coded_sample = wish.bitRate / wish.rate;
   }
-  Check(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
+  Require(avcodec_open2(ctx.get(), codec, nullptr) >= 0, "open encoder");
   return ctx;
 }
 
@@ -85,37 +79,17 @@ SoundClip EncodeTone(const SoundWish& wish) {
   for (std::size_t at = 0; at < tone.size(); at += static_cast<std::size_t>(step)) {
     const int count = std::min(step, static_cast<int>(tone.size() - at));
     const FfPtr<AVFrame> frame = SoundFrame(ctx->sample_fmt, wish.rate, wish.channels, tone, at, count);
-    Check(mediautil::EncodeFrame(ctx.get(), frame.get(), packet.get(), gotPacket, keep) >= 0, "encode");
+    Require(mediautil::EncodeFrame(ctx.get(), frame.get(), packet.get(), gotPacket, keep) >= 0, "encode");
   }
   mediautil::EncodeFrame(ctx.get(), nullptr, packet.get(), gotPacket, keep);
   return clip;
 }
 
 Bytes WithAdts(const Bytes& raw, int rate, int channels) {
-  const auto size = static_cast<unsigned int>(raw.size()) + 7;
-  const auto index = static_cast<unsigned int>(mediautil::AacRateIndex(static_cast<std::uint32_t>(rate)));
-  const auto config = static_cast<unsigned int>(mediautil::AacChannelConfig(channels));
-  const unsigned int header[] = {0xFF,
-                                 0xF1,
-                                 1U << 6 | index << 2 | config >> 2,
-                                 (config & 3) << 6 | size >> 11,
-                                 size >> 3 & 0xFF,
-                                 (size & 7) << 5 | 0x1F,
-                                 0xFC};
-  Bytes adts;
-  for (const unsigned int byte : header) {
-    adts.push_back(static_cast<std::uint8_t>(byte));
-  }
-  adts.insert(adts.end(), raw.begin(), raw.end());
-  return adts;
-}
-
-Bytes Joined(const std::vector<Bytes>& pieces) {
-  Bytes joined;
-  for (const Bytes& piece : pieces) {
-    joined.insert(joined.end(), piece.begin(), piece.end());
-  }
-  return joined;
+  const auto index = static_cast<std::uint64_t>(mediautil::AacRateIndex(static_cast<std::uint32_t>(rate)));
+  const auto config = static_cast<std::uint64_t>(mediautil::AacChannelConfig(channels));
+  const std::uint64_t size = raw.size() + 7;
+  return Joined({BigEndian(0xFFF1ULL << 40 | 1ULL << 38 | index << 34 | config << 30 | size << 13 | 0x1FFC, 7), raw});
 }
 
 FfPtr<AVFrame> SoundFrame(AVSampleFormat format, int rate, int channels, const Samples& sound, std::size_t from,
@@ -127,14 +101,14 @@ FfPtr<AVFrame> SoundFrame(AVSampleFormat format, int rate, int channels, const S
     frame->sample_rate = rate;
     frame->nb_samples = count;
     av_channel_layout_default(&frame->ch_layout, channels);
-    Check(av_frame_get_buffer(frame.get(), 0) >= 0, "sound buffer");
+    Require(av_frame_get_buffer(frame.get(), 0) >= 0, "sound buffer");
   }
   for (int channel = 0; channel < channels; ++channel) {
     std::memcpy(frames[0]->extended_data[channel], &sound.at(from), static_cast<std::size_t>(count) * sizeof(float));
   }
   mediautil::Resampler resampler;
-  Check(resampler.SetUp(mediautil::ShapeOf(*frames[0]), mediautil::ShapeOf(*frames[1])), "resampler");
-  Check(resampler.Convert(frames[1]->extended_data, count, *frames[0]) == count, "convert");
+  Require(resampler.SetUp(mediautil::ShapeOf(*frames[0]), mediautil::ShapeOf(*frames[1])), "resampler");
+  Require(resampler.Convert(frames[1]->extended_data, count, *frames[0]) == count, "convert");
   return std::move(frames[1]);
 }
 
@@ -142,13 +116,18 @@ void AppendSamples(const AVFrame* frame, Samples& sound, std::size_t channel) {
   mediautil::SoundShape shape = mediautil::ShapeOf(*frame);
   shape.format = AV_SAMPLE_FMT_FLTP;
   mediautil::Resampler resampler;
-  Check(resampler.SetUp(mediautil::ShapeOf(*frame), shape), "resampler");
+  Require(resampler.SetUp(mediautil::ShapeOf(*frame), shape), "resampler");
   std::vector<Samples> channels(static_cast<std::size_t>(frame->ch_layout.nb_channels),
                                 Samples(static_cast<std::size_t>(frame->nb_samples)));
   std::vector<unsigned char*> planes;
-  for (Samples& plane : channels) {
-    planes.push_back(reinterpret_cast<unsigned char*>(plane.data()));
-  }
-  Check(resampler.Convert(planes.data(), frame->nb_samples, *frame) == frame->nb_samples, "convert");
+  for (Samples& plane : channels) planes.push_back(reinterpret_cast<unsigned char*>(plane.data()));
+  Require(resampler.Convert(planes.data(), frame->nb_samples, *frame) == frame->nb_samples, "convert");
   sound.insert(sound.end(), channels.at(channel).begin(), channels.at(channel).end());
+}
+
+void SaveTone(const std::string& path, const std::string& options, double seconds, double frequency) {
+  const std::string wave = "0.5*sin(2*PI*" + std::to_string(frequency) + "*t)";
+  const std::string source = "aevalsrc=" + wave + "|" + wave + ":s=48000:d=" + std::to_string(seconds);
+  const std::string command = "ffmpeg -nostdin -v error -y -f lavfi -i '" + source + "' " + options + " " + path;
+  Require(std::system(command.c_str()) == 0, command);
 }

@@ -36,12 +36,13 @@ SoundClip EncodeTone(const SoundWish& wish);
 // A raw AAC (LC) packet with its ADTS header.
 Bytes WithAdts(const Bytes& raw, int rate, int channels);
 
-// The pieces as one.
-Bytes Joined(const std::vector<Bytes>& pieces);
-
 // A frame of the samples from one place on, the same on every channel.
 mediautil::FfPtr<AVFrame> SoundFrame(AVSampleFormat format, int rate, int channels, const Samples& sound,
                                      std::size_t from, int count);
 
 // One channel of a decoded frame, appended to sound.
 void AppendSamples(const AVFrame* frame, Samples& sound, std::size_t channel = 0);
+
+// A file with a tone of amplitude 0.5 on two channels, coded by the ffmpeg program as its options and the file's name
+// say.
+void SaveTone(const std::string& path, const std::string& options, double seconds = 2, double frequency = 1000);

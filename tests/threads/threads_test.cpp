@@ -2,16 +2,23 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/media.h"
+#include "tests/support/sound.h"
 #include "tests/support/tempdir.h"
+#include "utils/audiotranscoder.h"
+#include "utils/audioutil.h"
+#include "utils/encodermp3.h"
 #include "utils/ffmpegdemuxer.h"
 #include "utils/imageobject.h"
 #include "utils/internal/log.h"
+#include "utils/mp3demuxer.h"
 #include "utils/mpeg4util.h"
 
 namespace {
@@ -86,9 +93,10 @@ TEST(Threads, TheLibraryStartsNone) {
   const TempDir dir;
   const Clip clip = EncodeClip({"libx264", 320, 240, 10, 0, true});
   WriteFile(clip, dir.Path("clip.mp4"));
+  SaveTone(dir.Path("tone.flac"), "-ar 44100", 20);  // whose decoder could use threads
   const std::size_t before = ThreadCount();
   std::size_t most = before;
-  const auto look = [&most] { most = std::max(most, ThreadCount()); };
+  const auto look = [&most](std::size_t own = 0) { most = std::max(most, ThreadCount() - own); };
 
   FFmpegDemux demux;
   ESFormat video;
@@ -102,6 +110,25 @@ TEST(Threads, TheLibraryStartsNone) {
   const Bytes& key = clip.frames[0].data;
   ASSERT_EQ(DoFFMpegDecode(attr, key.data(), static_cast<int>(key.size())), 0);
   look();
-  EXPECT_EQ(most, before);
   DoFFMpegFree(attr, buffer);
+
+  DemuxMp3 player;
+  ASSERT_EQ(player.Open(dir.Path("tone.flac"), audio), 0);
+  look();
+  AudioTranscoder transcoder;
+  ASSERT_EQ(transcoder.Init({"a", 44100, 16, 2, "pcm_mulaw", "", ""}, {"b", 44100, 16, 2, "aac", "adts", "fltp"},
+                            nullptr, nullptr),
+            0);
+  look();
+  EncoderMP3 encoder;
+  const mediautil::FfPtr<AVCodecContext> sound(avcodec_alloc_context3(nullptr));
+  sound->sample_rate = 8000;
+  sound->sample_fmt = AV_SAMPLE_FMT_S16;
+  ASSERT_EQ(encoder.OpenOutputAudioCodec(sound.get(), false, ""), 0);
+  look();
+  std::future<int> converted =
+      std::async(std::launch::async, TranscodeToG711, dir.Path("tone.flac"), dir.Path("tone.wav"));
+  while (converted.wait_for(std::chrono::seconds(0)) != std::future_status::ready) look(1);
+  EXPECT_EQ(converted.get(), 0);
+  EXPECT_EQ(most, before);
 }

@@ -3,21 +3,22 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cmath>
+#include <csignal>
+#include <cstring>
 
 #include "tests/support/log_capture.h"
 #include "tests/support/readback.h"
-#include "tests/support/soundfile.h"
+#include "tests/support/sound.h"
 #include "tests/support/tempdir.h"
 #include "utils/mp3demuxer.h"
 
 namespace {
-
-using Messages = std::vector<std::string>;
 
 struct AudioUtil : ::testing::Test {
   TempDir dir;
@@ -64,9 +65,7 @@ TEST_F(AudioUtil, UlawOfEverySampleAndCode) {
     ASSERT_EQ(Linear2Ulaw(static_cast<short>(sample)), (sample < 0 ? 127 : 255) - 16 * octave - step) << sample;
   }
   Bytes wav = Header(512);
-  for (int i = 0; i < 512; ++i) {
-    wav.push_back(static_cast<std::uint8_t>(i / 2));
-  }
+  for (int i = 0; i < 512; ++i) wav.push_back(static_cast<std::uint8_t>(i / 2));
   const Samples sound = std::move(ReadBack(wav).at(0).sound);
   for (std::size_t i = 0; i < 256; ++i) {
     EXPECT_EQ(Ulaw2Linear(static_cast<unsigned char>(i)), static_cast<int>(sound.at(i) * 32768));
@@ -103,7 +102,8 @@ TEST_F(AudioUtil, SoundToUlaw) {
         {"4.mp3", "-ar 44100", 2, true, 0.475, 0.06},
         {"5.wav", "-ar 16000 -ac 1 -c:a adpcm_ima_wav", 2, true, mono, 0.1},
         {"6.mp4", "-f lavfi -i color=s=64x48:d=1", 2, true, 0.5, 0.05},
-        {"7.mkv", "-b:a 128k", -1, true, 0.5, 0.05}}) {
+        {"7.mkv", "-b:a 128k", -1, true, 0.5, 0.05},
+        {"8.wav", "-ar 8000 -af 'pan=3.0|c0=c0|c1=c0|c2=0*c0'", 2, true, 0.5, 0.0}}) {  // taken for 2.1
     for (const double frequency : {730.0, 1000.0}) {
       SCOPED_TRACE(name);
       SaveTone(dir.Path(name), options, 2, frequency);
@@ -165,6 +165,10 @@ TEST_F(AudioUtil, Refusals) {
   const int disk = memfd_create("full", MFD_ALLOW_SEALING | MFD_CLOEXEC);
   const std::string full = "/proc/self/fd/" + std::to_string(disk);
   ASSERT_TRUE(write(disk, "old", 3) == 3 && fcntl(disk, F_ADD_SEALS, F_SEAL_GROW) == 0);
+  for (const auto& [name, text] : {std::pair{"live.m3u8", "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\nmute.mp4\n"},
+                                   {"self", "ffconcat version 1.0\nfile self\n"}}) {
+    SaveBytes(dir.Path(name), text, std::strlen(text));
+  }
   for (const auto& [name, at, value] : {std::tuple{"codec", 20U, 0x99}, {"bits", 20U, 0x45}, {"rate", 26U, 15}}) {
     Bytes wav = Header(4000);
     wav.resize(4044);
@@ -172,7 +176,7 @@ TEST_F(AudioUtil, Refusals) {
     Save(dir.Path(name), wav);
   }
   ESFormat fmt;
-  for (const char* name : {"none", "", "fifo", "large", "mute.mp4", "codec", "bits"}) {
+  for (const char* name : {"none", "", "fifo", "large", "live.m3u8", "self", "mute.mp4", "codec", "bits"}) {
     const std::string path = dir.Path(name);
     const std::string message = *name == 'm'   ? "1|Could not find any audio stream in the file.\n"
                                 : *name == 'c' ? "1|Failed to find decoder with codec 0.\n"
@@ -201,4 +205,17 @@ TEST_F(AudioUtil, Refusals) {
   EXPECT_EQ(Why(AppendWavHeader(full)), "1|Failed to write file[" + full + "]!\n");
   EXPECT_EQ(Why(AppendWavHeader(large)), "1|File is too large [" + large + "]!\n");
   EXPECT_EQ(std::filesystem::file_size(large), INT_MAX + 1ULL);
+  Save(out, {'o', 'l', 'd'});
+  rlimit limit = {40, RLIM_INFINITY};  // no room for the header
+  std::signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_EQ(AppendWavHeader(out), -1);
+  limit.rlim_cur = RLIM_INFINITY;
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_EQ(ReadBytes(out), (Bytes{'o', 'l', 'd'}));
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.Path());
+  std::filesystem::rename("in", "pipe:0");
+  EXPECT_EQ(GetAudioDuration("pipe:0"), 2);  // a file as any other
+  std::filesystem::current_path(before);
 }

@@ -11,7 +11,7 @@
 
 #include "platform/time.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/soundfile.h"
+#include "tests/support/sound.h"
 #include "tests/support/tempdir.h"
 
 namespace {
@@ -82,8 +82,7 @@ TEST_F(Mp3Demuxer, DescribesAndPlays) {
     EXPECT_NEAR(static_cast<double>(demuxer.GetTotalTime()), *name == '4' ? 0 : 2e6, 70000);
     EXPECT_TRUE(fmt.i_codec_id == AV_CODEC_ID_MP3 && fmt.audio.i_channels == 2 && fmt.p_extra == nullptr);
     ASSERT_EQ(demuxer.Demux(this), 0);
-    const std::vector<std::string> lines = log.Messages();
-    EXPECT_EQ(std::accumulate(lines.begin(), lines.end(), std::string()), messages);
+    EXPECT_EQ(log.Text(), messages);
     EXPECT_NEAR(LevelAt(sound, static_cast<int>(fmt.audio.i_rate), 730), level, level * 0.02);
     EXPECT_NEAR(static_cast<double>(sound.size()) / fmt.audio.i_rate, 2, 0.07);
   }

@@ -5,10 +5,29 @@
 #include <system_error>
 
 extern "C" {
+#include <libavutil/avstring.h>
+#include <libavutil/dict.h>
 #include <libavutil/mathematics.h>
 }
 
 namespace mediautil {
+namespace {
+
+// A playlist may wait for the next piece for ever, or name itself; game music may have no end.
+constexpr char kRefusedFormats[] = "concat,dash,hls,imf,libgme,vobsub";
+
+// The format of a file's content, null for none to be opened. Reading a header would be too late to look.
+const AVInputFormat* ProbeFormat(const std::string& url) {
+  const AVInputFormat* format = nullptr;
+  AVIOContext* io = nullptr;
+  if (avio_open(&io, url.c_str(), AVIO_FLAG_READ) >= 0) {
+    av_probe_input_buffer2(io, &format, url.c_str(), nullptr, 0, 0);
+    avio_closep(&io);
+  }
+  return format == nullptr || av_match_name(format->name, kRefusedFormats) != 0 ? nullptr : format;
+}
+
+}  // namespace
 
 bool IsPlainFileOrNone(const std::string& path) {
   std::error_code ignored;
@@ -18,11 +37,18 @@ bool IsPlainFileOrNone(const std::string& path) {
 
 bool OpenInput(const std::string& path, AVFormatContext*& fmt) {
   LockAVCodecRegister();
-  if (!IsPlainFileOrNone(path)) {
+  std::error_code ignored;
+  const std::string url = "file:" + path;
+  const AVInputFormat* format = std::filesystem::is_regular_file(path, ignored) ? ProbeFormat(url) : nullptr;
+  if (format == nullptr) {
     LockAVFormatFreeContext(fmt);
     return false;
   }
-  return avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) >= 0;
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "protocol_whitelist", "file", 0);
+  const int ret = avformat_open_input(&fmt, url.c_str(), format, &options);
+  av_dict_free(&options);
+  return ret >= 0;
 }
 
 int FindAudioStream(AVFormatContext* fmt) {

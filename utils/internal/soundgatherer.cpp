@@ -1,7 +1,6 @@
 #include "utils/internal/soundgatherer.h"
 
 #include <algorithm>
-#include <climits>
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -24,7 +23,8 @@ bool SoundGatherer::SetUpBuffers(const AVCodecContext& enc) {
 
 void SoundGatherer::SetCapacity(std::int64_t convertedFrameBytes) {
   constexpr int kFrames = 64;
-  m_capacity = static_cast<int>(std::min<std::int64_t>(convertedFrameBytes, INT_MAX / 2 / kFrames)) * kFrames;
+  constexpr std::int64_t kMost = 8 << 20;  // with twice as much waiting, the merger still takes more
+  m_capacity = static_cast<int>(std::min(convertedFrameBytes, kMost / kFrames)) * kFrames;
 }
 
 SoundGatherer::Outcome SoundGatherer::Convert(const SoundShape& shape, const AVFrame& in, const AVCodecContext& enc,

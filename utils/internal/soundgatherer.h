@@ -20,8 +20,8 @@ class SoundGatherer {
 
   int FrameBytes() const { return m_merger.FrameBytes(); }  // of a whole encoder frame, all channels
 
-  // How much converted sound to expect of one call: 64 encoder frames, given the bytes that one converts to. The
-  // buffers grow past it; twice as much may wait after an error.
+  // How much converted sound to expect of one call: 64 encoder frames, given the bytes that one converts to, and
+  // 8 MiB at most. The buffers grow past it; twice as much may wait after an error.
   void SetCapacity(std::int64_t convertedFrameBytes);
   int Capacity() const { return m_capacity; }  // bytes
 

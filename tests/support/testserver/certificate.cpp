@@ -1,79 +1,62 @@
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
-#include <cstdint>
 #include <cstdio>
+#include <stdexcept>
 
-#include "tests/support/testserver/testserver.h"
+#include "tests/support/testserver/stream.h"
 
 namespace testserver {
 namespace {
 
-template <typename T, void (*release)(T*)>
-struct Freer {
-  void operator()(T* object) const { release(object); }
-};
-using Certificate = std::unique_ptr<X509, Freer<X509, X509_free>>;
-using Key = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY, EVP_PKEY_free>>;
-
-struct Closer {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, Closer>;
-
-File Create(const std::string& path, mode_t mode) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  return File(fd < 0 ? nullptr : fdopen(fd, "w"));
-}
-
 bool AddExtension(X509* certificate, int nid, const std::string& value) {
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str());
-  const bool isAdded = extension != nullptr && X509_add_ext(certificate, extension, -1) == 1;
-  X509_EXTENSION_free(extension);
-  return isAdded;
+  const std::shared_ptr<X509_EXTENSION> extension(X509V3_EXT_conf_nid(nullptr, nullptr, nid, value.c_str()),
+                                                  X509_EXTENSION_free);
+  return extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1;
 }
 
-bool Describe(X509* certificate, const std::string& host, int startDays, int endDays) {
-  unsigned char address[16];
-  const bool isAddress =
-      inet_pton(AF_INET, host.c_str(), address) == 1 || inet_pton(AF_INET6, host.c_str(), address) == 1;
+// Self-signed, and its own authority.
+bool Fill(X509* certificate, EVP_PKEY* key, const Options& options) {
+  unsigned char address[4];
+  const bool isAddress = inet_pton(AF_INET, options.certHost.c_str(), address) == 1;
   X509_NAME* subject = X509_get_subject_name(certificate);
-  std::uint64_t number = 0;
-  return X509_set_version(certificate, X509_VERSION_3) == 1 &&
-         RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof(number)) == 1 &&
-         ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), number | 1) == 1 &&
-         X509_time_adj_ex(X509_getm_notBefore(certificate), startDays, 0, nullptr) != nullptr &&
-         X509_time_adj_ex(X509_getm_notAfter(certificate), endDays, 0, nullptr) != nullptr &&
-         X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8,
-                                    reinterpret_cast<const unsigned char*>("mediautil test server"), -1, -1, 0) == 1 &&
+  const auto* name = reinterpret_cast<const unsigned char*>("mediautil test server");
+  return X509_set_version(certificate, X509_VERSION_3) == 1 && X509_set_pubkey(certificate, key) == 1 &&
+         ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1) == 1 &&
+         X509_time_adj_ex(X509_getm_notBefore(certificate), options.certStart, 0, nullptr) != nullptr &&
+         X509_time_adj_ex(X509_getm_notAfter(certificate), options.certEnd, 0, nullptr) != nullptr &&
+         X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8, name, -1, -1, 0) == 1 &&
          X509_set_issuer_name(certificate, subject) == 1 &&
          AddExtension(certificate, NID_basic_constraints, "critical,CA:TRUE") &&
-         AddExtension(certificate, NID_subject_key_identifier, "hash") &&
-         AddExtension(certificate, NID_subject_alt_name, (isAddress ? "IP:" : "DNS:") + host);
+         AddExtension(certificate, NID_subject_alt_name, (isAddress ? "IP:" : "DNS:") + options.certHost) &&
+         X509_sign(certificate, key, EVP_sha256()) != 0;
+}
+
+bool Write(X509* certificate, const std::string& path) {
+  std::FILE* file = std::fopen(path.c_str(), "w");
+  const bool isWritten = file != nullptr && PEM_write_X509(file, certificate) == 1;
+  return file != nullptr && std::fclose(file) == 0 && isWritten;
 }
 
 }  // namespace
 
-bool MakeCertificate(const std::string& dir, const std::string& name, const std::string& host, int startDays,
-                     int endDays) {
-  const Key key(EVP_EC_gen("P-256"));
-  const Certificate certificate(X509_new());
-  if (key == nullptr || certificate == nullptr || X509_set_pubkey(certificate.get(), key.get()) != 1 ||
-      !Describe(certificate.get(), host, startDays, endDays) ||
-      X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0) {
-    return false;
+std::shared_ptr<SSL_CTX> MakeTlsContext(const Options& options) {
+  if (options.certFile.empty()) return nullptr;
+  const std::shared_ptr<EVP_PKEY> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+  const std::shared_ptr<X509> certificate(X509_new(), X509_free);
+  std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+  if (!Fill(certificate.get(), key.get(), options) || !Write(certificate.get(), options.certFile) ||
+      SSL_CTX_use_certificate(context.get(), certificate.get()) != 1 ||
+      SSL_CTX_use_PrivateKey(context.get(), key.get()) != 1) {
+    throw std::runtime_error("cannot make the certificate " + options.certFile);
   }
-  const File certFile = Create(dir + "/" + name + ".crt", 0644);
-  const File keyFile = Create(dir + "/" + name + ".key", 0600);
-  return certFile != nullptr && keyFile != nullptr && PEM_write_X509(certFile.get(), certificate.get()) == 1 &&
-         PEM_write_PrivateKey(keyFile.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1;
+  if (options.tls11) {
+    SSL_CTX_set_security_level(context.get(), 0);
+    SSL_CTX_set_min_proto_version(context.get(), TLS1_1_VERSION);
+    SSL_CTX_set_max_proto_version(context.get(), TLS1_1_VERSION);
+  }
+  return context;
 }
 
 }  // namespace testserver

@@ -1,21 +1,19 @@
 // One request on one connection and what the server makes of it.
 #pragma once
 
-#include <cstddef>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <set>
 #include <string>
 
 #include "tests/support/testserver/stream.h"
-#include "tests/support/testserver/testserver.h"
 
 namespace testserver {
 
 // What the connections share.
 struct Shared {
   Options options;
-  int port = 0;
   std::mutex mutex;  // of all below, and of options.fault and options.code
   std::list<Call> calls;
   std::set<std::string> sessions;
@@ -28,37 +26,31 @@ class Exchange {
   void Run();
 
  private:
-  struct Reply {
-    int code = 0;
-    std::string data = {};  // JSON, for a success
-  };
+  using Sink = std::function<void(const char* data, std::size_t size)>;
 
   bool ReadHead();
-  void Handle();
-  void HandleUpload();
-  Reply HandleRequest();
-  Reply Login();
-  int CheckRequest() const;
-  bool IsLoggedIn() const;
-
-  std::string Param(const std::string& name) const { return m_call->Param(name); }
-  long Read(char* data, std::size_t size);
-  template <typename Sink>
-  bool ReadBody(long long size, Sink sink);
-  void Drain();
   void AddParams(const std::string& text);
-  void TakeFault();
-  void Note(const std::string& outcome);
+  bool ReadBody(long long size, const Sink& sink = nullptr);
 
-  void Answer(const Reply& reply);
-  void AnswerText(const std::string& status, const std::string& body, bool isOpen = false);
-  void AnswerSlowly(const std::string& text);
+  // The codes are 0 for a success.
+  void Handle();
+  int CheckRequest() const;
+  int HandleRequest();
+  int Login();
+  void HandleUpload(int code);
+  void Answer(int code);
+  std::string ReplyText(int code) const;
+
+  void Note(const std::string& outcome);
+  std::string Param(const std::string& name) const { return m_call->Param(name); }
+  bool HasFault(std::initializer_list<const char*> faults) const;
 
   Shared& m_shared;
   Stream& m_stream;
   std::list<Call>::iterator m_call;
   std::string m_pending;  // read behind the head
-  Fault m_fault = Fault::kNone;
+  std::string m_data;     // JSON, for the reply
+  std::string m_fault = "none";
   int m_code = 0;
 };
 

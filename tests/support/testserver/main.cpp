@@ -1,6 +1,4 @@
 // mediautil-testserver: the receiver of archive pushes as a program of its own, to try things out.
-#include <sys/stat.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
@@ -36,37 +34,20 @@ void Log(const testserver::Call& call, bool withParams) {
 int Run(int argc, char** argv) {
   testserver::Options options;
   std::string tlsDir;
-  std::string fault = "none";
   bool withParams = false;
-  CLI::App app("Receives archive pushes on this machine and, when told, misbehaves.", "mediautil-testserver");
+  CLI::App app(
+      "Receives archive pushes on this machine, from the account admin with the password secret, and, when "
+      "told, misbehaves.",
+      "mediautil-testserver");
   app.add_option("--port", options.port, "port to listen on; any free one without it")->check(CLI::Range(0, 65535));
   app.add_option("--store", options.storeDir, "directory to store what comes; nothing is stored without it");
-  app.add_option("--account", options.account, "account that may log in")->capture_default_str();
-  app.add_option("--password", options.password, "its password")->capture_default_str();
-  CLI::Option* cert = app.add_option("--cert", options.certFile, "HTTPS: certificate, PEM");
-  CLI::Option* key = app.add_option("--key", options.keyFile, "HTTPS: its key, PEM");
-  cert->needs(key);
-  key->needs(cert);
-  app.add_option("--tls", tlsDir, "HTTPS: makes testserver.crt and .key in this directory")->excludes(cert);
-  app.add_option("--fault", fault, "what it does wrong, such as silent, close or big-reply")
-      ->check([&options](const std::string& name) {
-        return testserver::FaultFromName(name, options.fault) ? "" : "unknown fault: " + name;
-      });
+  app.add_option("--tls", tlsDir, "HTTPS: makes testserver.crt in this directory");
+  app.add_option("--fault", options.fault, "what it does wrong, such as silent, close or big-reply");
   app.add_option("--fault-method", options.faultMethod, "the method that it does it with")->capture_default_str();
   app.add_option("--code", options.code, "error code of the replies to that method");
   app.add_flag("--params", withParams, "log the parameters of each request, too, but for secrets");
   CLI11_PARSE(app, argc, argv);
-
-  if (!tlsDir.empty()) {
-    if (!testserver::MakeCertificate(tlsDir, "testserver", options.host, -1, 365)) {
-      throw std::runtime_error("cannot make a certificate in " + tlsDir);
-    }
-    options.certFile = tlsDir + "/testserver.crt";
-    options.keyFile = tlsDir + "/testserver.key";
-  }
-  if (!options.storeDir.empty()) {
-    mkdir(options.storeDir.c_str(), 0777);
-  }
+  if (!tlsDir.empty()) options.certFile = tlsDir + "/testserver.crt";
   options.onDone = [withParams](const testserver::Call& call) { Log(call, withParams); };
 
   sigset_t ends;  // blocked before the first thread, so that it waits for sigwait

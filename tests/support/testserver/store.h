@@ -1,4 +1,5 @@
-// Where received files go: below one directory and never out of it, whatever the names say.
+// Where received files go: below one directory and never out of it, whatever the names say. An empty root stores
+// nothing.
 #pragma once
 
 #include <string>
@@ -20,7 +21,8 @@ enum Code : int {
   kExists = 518,
 };
 
-// One file on its way into the store. It takes its name, with Commit, when it is complete.
+// One file on its way into the store. It takes its name, with Commit, when it is complete. All return 0 or a code, and
+// without Open do nothing.
 class StoredFile {
  public:
   StoredFile() = default;
@@ -28,15 +30,13 @@ class StoredFile {
   StoredFile(const StoredFile&) = delete;
   StoredFile& operator=(const StoredFile&) = delete;
 
-  // 0 or a code. An empty root stores nothing. Directories are made.
   int Open(const std::string& root, const std::string& dir, const std::string& name, bool overwrite);
-  int Write(const char* data, std::size_t size);
-  int Commit();
+  int Write(const char* data, std::size_t size) const;
+  int Commit() const;
 
  private:
-  int m_dir = -1;
   int m_fd = -1;
-  std::string m_name;
+  std::string m_path;
   std::string m_temporary;
   bool m_overwrite = false;
 };
