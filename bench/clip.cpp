@@ -149,31 +149,20 @@ double Sound(double seconds, Noise& noise) {
   return 0.4 * std::sin(phase) + 0.1 * (noise.Below(2001) / 1000.0 - 1);
 }
 
-std::vector<Bytes> EncodeSound(const char* encoder, AVSampleFormat format, int rate, int samples) {
-  const FfPtr<AVCodecContext> ctx = NewEncoder(encoder);
-  ctx->ch_layout = AV_CHANNEL_LAYOUT_MONO;
-  ctx->sample_rate = rate;
-  ctx->sample_fmt = format;
-  ctx->bit_rate = 32000;
-  Open(ctx.get(), "");
-  const FfPtr<AVFrame> frame = NewFrame([&](AVFrame& f) {
-    f.format = format;
-    f.ch_layout = AV_CHANNEL_LAYOUT_MONO;
-    f.sample_rate = rate;
-    f.nb_samples = samples;
-  });
-  Noise noise(7);
-  return Encode(ctx.get(), frame.get(), kClipSeconds * rate / samples, [&](int number) {
-    frame->pts = std::int64_t{number} * samples;
-    for (int i = 0; i < samples; ++i) {
-      const double value = Sound((static_cast<double>(number) * samples + i) / rate, noise);
-      if (format == AV_SAMPLE_FMT_FLTP) {
-        reinterpret_cast<float*>(frame->data[0])[i] = static_cast<float>(value);
+// Fills a frame of 16-bit mono sound or of planar sound with what is heard from its time on; each channel has noise of
+// its own.
+void DrawSound(AVFrame& frame, Noise& noise) {
+  for (int channel = 0; channel < frame.ch_layout.nb_channels; ++channel) {
+    std::uint8_t* plane = frame.data[channel];
+    for (int i = 0; i < frame.nb_samples; ++i) {
+      const double value = Sound(static_cast<double>(frame.pts + i) / frame.sample_rate, noise);
+      if (frame.format == AV_SAMPLE_FMT_FLTP) {
+        reinterpret_cast<float*>(plane)[i] = static_cast<float>(value);
       } else {
-        reinterpret_cast<std::int16_t*>(frame->data[0])[i] = static_cast<std::int16_t>(value * 32767);
+        reinterpret_cast<std::int16_t*>(plane)[i] = static_cast<std::int16_t>(value * 32767);
       }
     }
-  });
+  }
 }
 
 // AAC LC, 16 kHz, mono, without checksum.
@@ -220,14 +209,34 @@ constexpr std::vector<Bytes> Clip::*kLists[] = {&Clip::video, &Clip::aac, &Clip:
 
 }  // namespace
 
+std::vector<Bytes> EncodeSound(const SoundCoding& coding) {
+  const FfPtr<AVCodecContext> ctx = NewEncoder(coding.encoder);
+  av_channel_layout_default(&ctx->ch_layout, coding.channels);
+  ctx->sample_rate = coding.rate;
+  ctx->sample_fmt = coding.format;
+  ctx->bit_rate = coding.bitRate;
+  Open(ctx.get(), coding.options);
+  const FfPtr<AVFrame> frame = NewFrame([&](AVFrame& f) {
+    f.format = coding.format;
+    av_channel_layout_default(&f.ch_layout, coding.channels);
+    f.sample_rate = coding.rate;
+    f.nb_samples = coding.samples;
+  });
+  Noise noise(7);
+  return Encode(ctx.get(), frame.get(), kClipSeconds * coding.rate / coding.samples, [&](int number) {
+    frame->pts = std::int64_t{number} * coding.samples;
+    DrawSound(*frame, noise);
+  });
+}
+
 Clip MakeClip(const ClipShape& shape) {
   Clip clip;
   clip.width = shape.width;
   clip.height = shape.height;
   EncodeVideo(shape, clip);
-  clip.aac = EncodeSound("aac", AV_SAMPLE_FMT_FLTP, kAacRate, kAacSamples);
+  clip.aac = EncodeSound({"aac", AV_SAMPLE_FMT_FLTP, kAacRate, kAacSamples});
   std::for_each(clip.aac.begin(), clip.aac.end(), AddAdtsHeader);
-  clip.mulaw = EncodeSound("pcm_mulaw", AV_SAMPLE_FMT_S16, kMulawRate, kMulawSamples);
+  clip.mulaw = EncodeSound({"pcm_mulaw", AV_SAMPLE_FMT_S16, kMulawRate, kMulawSamples});
   Require(!clip.aac.empty() && !clip.mulaw.empty(), "encoding sound");
   return clip;
 }

@@ -8,6 +8,10 @@
 
 #include "bench/inputs.h"
 
+extern "C" {
+#include <libavutil/samplefmt.h>
+}
+
 namespace bench {
 
 constexpr std::int64_t kSecond = 1000000;  // microseconds
@@ -45,6 +49,20 @@ struct ClipShape {
 // Draws a moving scene with sensor noise, makes sound, and encodes them. The same everywhere but for what the encoders'
 // versions change.
 Clip MakeClip(const ClipShape& shape);
+
+// How sound is coded.
+struct SoundCoding {
+  const char* encoder;
+  AVSampleFormat format;  // planar, or 16-bit mono
+  int rate;
+  int samples;  // of a packet
+  int channels = 1;
+  int bitRate = 32000;
+  const char* options = "";
+};
+
+// The sound of a clip, a packet after the other.
+std::vector<Bytes> EncodeSound(const SoundCoding& coding);
 
 // One file. Loading throws when it is not whole.
 void SaveClip(const Clip& clip, const std::string& path);

@@ -25,6 +25,9 @@ RATIO_GOALS = (
     (r"mux/copy", 1.28),
     (r"mux/encode", 1.10),
     (r"demux/loop", 1.05),
+    (r"g711/mp3|mp3/encode", 1.05),
+    (r"speak/(aac|mp3)", 1.05),
+    (r"speak/(g726|g722)", 1.08),
 )
 INSTRUCTION_GOALS = {"log/dropped": 11}
 LOOP = "log/loop"  # the empty loop around the log calls, taken off them
@@ -144,7 +147,7 @@ def time_in_turn(workloads, rounds):
                 ["workload", "library", "floor", "ratio", "spread"], rows)
 
 
-def process_commands(tool, source, out):
+def snapshot_commands(tool, source, out):
     """Whole-process snapshots to 320 pixels, by label. The first is ours."""
     commands = {
         "mediautil": [tool, "snapshot", source, "-o", out, "--max-side", "320"],
@@ -159,6 +162,26 @@ def process_commands(tool, source, out):
     return commands
 
 
+def g711_commands(tool, source, out):
+    """Ten minutes of MP3 to a mu-law WAV file."""
+    return {
+        "mediautil": [tool, "-q", "g711", source, out],
+        "ffmpeg": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", source, "-ar", "8000", "-ac", "2", "-c:a",
+                   "pcm_mulaw", out],
+        "sox": ["sox", source, "-r", "8000", "-c", "2", "-e", "mu-law", out],
+    }
+
+
+def mp3_commands(tool, source, out):
+    """The same to MP3 of 32 kHz, mono, 32 kbit/s."""
+    return {
+        "mediautil": [tool, "-q", "mp3", source, out],
+        "ffmpeg": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", source, "-ar", "32000", "-ac", "1", "-c:a",
+                   "libmp3lame", "-b:a", "32k", out],
+        "lame": ["lame", "--quiet", "--mp3input", "-m", "m", "-a", "--resample", "32", "-b", "32", source, out],
+    }
+
+
 def run_measured(command):
     """Output, CPU seconds and peak resident megabytes of one run; the output is None when it fails."""
     with subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -170,7 +193,7 @@ def run_measured(command):
 
 
 def measure_process(command, out):
-    """CPU seconds and peak resident megabytes of one run; None when it makes no picture."""
+    """CPU seconds and peak resident megabytes of one run; None when it makes no output."""
     out.unlink(missing_ok=True)
     output, cpu, resident = run_measured(command)
     if output is None or not out.is_file() or out.stat().st_size == 0:
@@ -178,16 +201,16 @@ def measure_process(command, out):
     return cpu, resident
 
 
-def compare_processes(tool, inputs, rounds):
+def compare_processes(title, jobs, rounds):
+    """jobs: a title, the programs' commands by label with ours first, and the output, for each row group."""
     rows = []
-    for source in (inputs / "key.h264", inputs / "key.hevc", inputs / "key.jpg"):
-        out = inputs / "snapshot.jpg"
+    for name, commands, out in jobs:
         usable = {}
-        for label, command in process_commands(tool, source, out).items():
+        for label, command in commands.items():
             if shutil.which(str(command[0])) is None:
-                rows.append([f"{source.name}: {label}", "not installed", "", ""])
+                rows.append([f"{name}: {label}", "not installed", "", ""])
             elif measure_process(command, out) is None:  # also warms the page cache
-                rows.append([f"{source.name}: {label}", "made no picture", "", ""])
+                rows.append([f"{name}: {label}", "made no output", "", ""])
             else:
                 usable[label] = (command, [])
         for _ in range(rounds):
@@ -196,13 +219,29 @@ def compare_processes(tool, inputs, rounds):
         medians = {}
         for label, (_, runs) in usable.items():
             if None in runs:
-                raise Failure(f"{label} made no picture of {source.name} in one of its runs")
+                raise Failure(f"{label} made no output of {name} in one of its runs")
             medians[label] = [statistics.median(values) for values in zip(*runs)]
         for label, (cpu, resident) in medians.items():
             ratio = f"{cpu / medians['mediautil'][0]:.2f}" if "mediautil" in medians else "-"
-            rows.append([f"{source.name}: {label}", f"{cpu * 1000:.0f} ms", ratio, f"{resident:.0f} MB"])
-    print_table(f"Snapshot to 320 pixels as a process of its own, medians of {rounds} rounds",
-                ["program", "CPU", "to mediautil", "peak resident"], rows)
+            rows.append([f"{name}: {label}", f"{cpu * 1000:.0f} ms", ratio, f"{resident:.0f} MB"])
+    print_table(f"{title}, medians of {rounds} rounds", ["program", "CPU", "to mediautil", "peak resident"], rows)
+
+
+def process_jobs(tool, inputs, only):
+    """The tables of the section: titles and jobs. Those whose name does not match are left out."""
+    keys = [inputs / name for name in ("key.h264", "key.hevc", "key.jpg")]
+    music = inputs / "music.mp3"
+    tables = (
+        ("Snapshot to 320 pixels as a process of its own",
+         [(key.name, snapshot_commands(tool, key, inputs / "out.jpg"), inputs / "out.jpg") for key in keys]),
+        ("Ten minutes of 44.1 kHz stereo MP3 as a process of its own",
+         [("g711", g711_commands(tool, music, inputs / "out.wav"), inputs / "out.wav"),
+          ("mp3", mp3_commands(tool, music, inputs / "out.mp3"), inputs / "out.mp3")]),
+    )
+    for title, jobs in tables:
+        wanted = [job for job in jobs if re.search(only, job[0])]
+        if wanted:
+            yield title, wanted
 
 
 def upload_commands(program, file, port):
@@ -285,10 +324,11 @@ def compare_with_floor(arguments, inputs):
     """The names that exceed their goal."""
     pictures = arguments.bin / "mediautil_bench"
     containers = arguments.bin / "mediautil_bench_container"
-    for program in (pictures, containers):
+    sound = arguments.bin / "mediautil_bench_audio"
+    log_calls = arguments.bin / "mediautil_bench_log"
+    for program in (pictures, containers, sound):
         run([program, "--make-inputs", inputs])
-    programs = [[pictures, "--inputs", inputs], [containers, "--inputs", inputs],
-                [arguments.bin / "mediautil_bench_log"]]
+    programs = [*([program, "--inputs", inputs] for program in (pictures, containers, sound)), [log_calls]]
     for program in programs:
         run([*program, "--check"])
 
@@ -305,12 +345,14 @@ def compare_with_floor(arguments, inputs):
     if "time" in arguments.sections:
         time_in_turn(workloads, arguments.rounds)
     if "process" in arguments.sections:
-        compare_processes(arguments.bin / "mediautil", inputs, arguments.rounds)
+        for title, jobs in process_jobs(arguments.bin / "mediautil", inputs, arguments.only):
+            compare_processes(title, jobs, arguments.rounds)
     return above
 
 
 def compare(arguments, folder):
-    for name in ("mediautil_bench", "mediautil_bench_container", "mediautil_bench_log", "mediautil_bench_upload"):
+    for name in ("mediautil_bench", "mediautil_bench_audio", "mediautil_bench_container", "mediautil_bench_log",
+                 "mediautil_bench_upload"):
         if not (arguments.bin / name).is_file():
             raise Failure(f"{arguments.bin / name} is missing: build with -DMEDIAUTIL_BENCH=ON, or name its folder "
                           "with --bin")

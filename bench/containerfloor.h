@@ -1,47 +1,23 @@
 // The floor of muxing and demuxing: straight FFmpeg calls. Everything throws std::runtime_error when it fails.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/clip.h"
+#include "bench/floorio.h"
 #include "utils/internal/ffmpegptr.h"
 
 namespace bench {
 
-// Counts bytes and, for comparisons, keeps them.
-struct Sink {
-  Bytes* copy = nullptr;
-  std::int64_t bytes = 0;
-  std::int64_t packets = 0;  // demuxing
-
-  void Take(const std::uint8_t* data, int size) {
-    bytes += size;
-    if (copy != nullptr) {
-      copy->insert(copy->end(), data, data + size);
-    }
-  }
-  void TakePacket(const AVPacket& packet) {
-    ++packets;
-    Take(packet.data, packet.size);
-  }
-};
-
-// A clip whose frames lie in reference-counted buffers, so that FFmpeg need not copy them. The clip must outlive it.
-class SharedClip {
- public:
-  struct Unref {
-    void operator()(AVBufferRef* p) const { av_buffer_unref(&p); }
-  };
-  using Buffer = std::unique_ptr<AVBufferRef, Unref>;
-
+// A clip as buffers that FFmpeg need not copy. The clip must outlive it.
+struct SharedClip {
   explicit SharedClip(const Clip& clip);
 
   const Clip& clip;
-  std::vector<Buffer> video;
-  std::vector<Buffer> aac;
-  std::vector<Buffer> mulaw;
+  std::vector<SharedBytes> video;
+  std::vector<SharedBytes> aac;
+  std::vector<SharedBytes> mulaw;
 };
 
 // Fragmented MP4 of that many seconds: AAC as it is, or G.711 as MP3 of 32 kHz and 32 kbit/s.

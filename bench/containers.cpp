@@ -1,9 +1,4 @@
 // Writing and reading recordings of a minute.
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -13,12 +8,14 @@
 
 #include "bench/containerfloor.h"
 #include "bench/runner.h"
+#include "bench/tempfile.h"
 #include "utils/ffmpegdemuxer.h"
 #include "utils/ffmpegmuxer.h"
 
 using bench::Bytes;
 using bench::Clip;
 using bench::Sink;
+using bench::TempFile;
 using bench::Workload;
 
 namespace {
@@ -38,24 +35,6 @@ void Require(bool ok, const std::string& step) {
     throw std::runtime_error(step + " failed");
   }
 }
-
-// A file in the system's temporary folder, gone with the object.
-class TempFile {
- public:
-  TempFile() : m_path((std::filesystem::temp_directory_path() / "mediautil-bench-XXXXXX").string()) {
-    const int file = mkstemp(m_path.data());
-    Require(file >= 0, "making a temporary file");
-    close(file);
-  }
-  ~TempFile() { std::remove(m_path.c_str()); }
-  TempFile(const TempFile&) = delete;
-  TempFile& operator=(const TempFile&) = delete;
-
-  const std::string& Path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The library's side
