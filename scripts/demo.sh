@@ -47,7 +47,7 @@ begin_page() {
   body { font: 16px/1.5 system-ui, sans-serif; max-width: 60rem; margin: 2rem auto; padding: 0 1rem; color: #222; }
   h1 { font-size: 1.6rem; } h2 { font-size: 1.15rem; margin: 2.5rem 0 .5rem; }
   pre { background: #f3f4f6; border-radius: 6px; padding: .6rem .9rem; overflow-x: auto; }
-  img, video { max-width: 100%; border: 1px solid #ccc; } p { margin: .3rem 0; }
+  img, video { max-width: 100%; border: 1px solid #ccc; } audio { width: 100%; } p { margin: .3rem 0; }
 </style>
 HTML
   printf '<h1>mediautil %s</h1>\n<p>Made from %s. Every picture stands under the command that made it.</p>\n' \
@@ -93,6 +93,31 @@ video_section() {
     printf '<video src="%s" controls muted preload="metadata"></video>\n' "$file" >>"$page"
   fi
   printf '<p>%s</p>\n' "$(printf %s "$words" | escape)" >>"$page"
+}
+
+# sound_section TITLE TEXT FILE ARGUMENT...: plays the sound file that the program writes, or tells why there is none.
+sound_section() {
+  local title=$1 text=$2 file=$3 words
+  shift 3
+  heading "$title" "$text" "$@"
+  if words=$("$program" "$@" 2>&1); then
+    printf '<audio src="%s" controls preload="metadata"></audio>\n' "$file" >>"$page"
+  fi
+  printf '<p>%s</p>\n' "$(printf %s "${words##*$'\n'}" | escape)" >>"$page"
+}
+
+# sound_sections RECORDING: its sound for loudspeakers, and the waveform of the first one.
+sound_sections() {
+  sound_section "Sound for a loudspeaker" "G.711 mu-law of 8000 Hz in a WAV file." speaker.wav g711 "$1" speaker.wav
+  if [ -f speaker.wav ]; then
+    ffmpeg -v error -i speaker.wav -filter_complex 'showwavespic=s=960x160:colors=#3b6ea5:split_channels=1' \
+      -frames:v 1 waveform.png
+    printf '<img alt="Waveform" src="data:image/png;base64,%s">\n<p>Its waveform, both channels</p>\n' \
+      "$(base64 -w 0 waveform.png)" >>"$page"
+  fi
+  sound_section "Sound for a camera" "AAC of 16000 Hz as it goes to a camera that talks." camera.aac \
+    speak "$1" --codec aac -o camera.aac
+  sound_section "Sound as a small MP3" "Mono, 32 kbit/s." voice.mp3 mp3 "$1" voice.mp3
 }
 
 # push_section TITLE TEXT ARGUMENT...: shows what the program says and what then stands in the receiver's store.
@@ -151,8 +176,8 @@ cd "$out"
 if [ -z "$recording" ]; then
   name=recording.mp4
   origin="a test recording: 6 s, a key frame every 2 s, with sound"
-  quietly "Making a recording" ffmpeg -y -f lavfi -i testsrc2=size=640x360:rate=25 -f lavfi -i sine=frequency=440 -t 6 \
-    -c:v libx264 -bf 0 -pix_fmt yuv420p -g 50 -c:a aac "$name"
+  quietly "Making a recording" ffmpeg -y -f lavfi -i testsrc2=size=640x360:rate=25 -f lavfi -i \
+    'aevalsrc=0.7*sin(2*PI*440*t)*abs(sin(PI*t/2))' -t 6 -c:v libx264 -bf 0 -pix_fmt yuv420p -g 50 -c:a aac "$name"
 else
   origin=$(basename -- "$recording")
   name=recording
@@ -171,6 +196,7 @@ picture_section "Masked snapshot" "Two privacy regions: the upper left quarter a
 picture_section "Event thumbnail" "The size that event lists show." thumbnail.jpg thumbnail "$name"
 picture_section "Event preview" "Twice that size." preview.jpg thumbnail "$name" --preview
 video_section "Export" "The recording as fragmented MP4; its video is copied as it is." export.mp4 export "$name"
+sound_sections "$name"
 
 start_receiver
 remote=(--host 127.0.0.1 --port "$port" --account admin)

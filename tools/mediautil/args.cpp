@@ -166,7 +166,7 @@ std::string InputPath(const std::string& path) {
 int CheckOutput(const std::string& output, const std::string& input, const std::string& what) {
   if (output == "-") {
     return isatty(STDOUT_FILENO) != 0
-               ? Fail(kUsage, "stdout: a terminal shows no " + what + "; name a file with -o or redirect the output")
+               ? Fail(kUsage, "stdout: a terminal shows no " + what + "; name a file or redirect the output")
                : kDone;
   }
   struct stat out = {};
@@ -175,11 +175,10 @@ int CheckOutput(const std::string& output, const std::string& input, const std::
   }
   struct stat in = {};
   if (stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
-    return Fail(kUsage, output + ": the " + what + " would replace the recording; name another file with -o");
+    return Fail(kUsage, output + ": the " + what + " would replace the recording; name another file");
   }
   if (!S_ISREG(out.st_mode)) {
-    return Fail(kFailed, output + ": cannot write the " + what +
-                             ": not a regular file; name another file with -o, or use -o - and redirect the output");
+    return Fail(kFailed, output + ": cannot write the " + what + ": not a regular file; name another file");
   }
   return kDone;
 }

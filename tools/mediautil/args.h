@@ -29,6 +29,10 @@ void AddProbe(CLI::App& app, Action& action);
 void AddSnapshot(CLI::App& app, Action& action);
 void AddThumbnail(CLI::App& app, Action& action);
 void AddExport(CLI::App& app, Action& action);
+void AddG711(CLI::App& app, Action& action);
+void AddMp3(CLI::App& app, Action& action);
+void AddSpeak(CLI::App& app, Action& action);
+void AddPlay(CLI::App& app, Action& action);
 void AddPush(CLI::App& app, Action& action);
 void AddLogLevel(CLI::App& app, Action& action);
 

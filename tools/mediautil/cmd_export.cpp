@@ -188,19 +188,16 @@ int WriteExport(const ExportArgs& args, const ExportPlan& plan, Recording& recor
   const ProgressForm form = ChooseProgress(args.progress);
   Progress progress(form, form == ProgressForm::None ? 0 : PlayingTime(plan));
   const StopSignals signals;
-  OutputFile output(args.output);
+  OutputFile output(args.output, "recording");
   if (const int code = output.Open(); code != kDone) {
     return code;
   }
   Exporter exporter(plan, recording, output, progress);
   const int code = exporter.Run();
   progress.Hide();
-  if (StopSignals::Seen()) {
-    return Fail(kInterrupted, args.output + ": interrupted; nothing was written");
-  }
   const int result = code == kDone ? output.Commit() : code;
   if (result == kDone) {
-    Note((args.output == "-" ? "stdout" : args.output) + ": " + exporter.Text());
+    Note(output.Name() + ": " + exporter.Text());
   }
   return result;
 }

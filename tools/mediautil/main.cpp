@@ -75,13 +75,17 @@ int FailUsage(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app("Pictures, exports and pushes of the recordings of a network video recorder.", "mediautil");
+  CLI::App app("Pictures, sound, exports and pushes of the recordings of a network video recorder.", "mediautil");
   LogArgs log;
   Action action;
   AddProbe(app, action);
   AddSnapshot(app, action);
   AddThumbnail(app, action);
   AddExport(app, action);
+  AddG711(app, action);
+  AddMp3(app, action);
+  AddSpeak(app, action);
+  AddPlay(app, action);
   AddPush(app, action);
   AddLogLevel(app, action);
   AddLogOptions(app, log);

@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "tools/mediautil/args.h"
 #include "tools/mediautil/stopsignals.h"
@@ -70,7 +72,18 @@ bool OutputFile::Append(const unsigned char* data, int size) {
   return !IsFailed();
 }
 
+bool OutputFile::TakeError(int error) {
+  constexpr int kWriteErrors[] = {EBADF, EDQUOT, EFBIG, EIO, ENOSPC, EPIPE};
+  if (!IsFailed() && std::find(std::begin(kWriteErrors), std::end(kWriteErrors), error) != std::end(kWriteErrors)) {
+    m_error = error;
+  }
+  return IsFailed();
+}
+
 int OutputFile::Commit() {
+  if (StopSignals::Seen()) {
+    return Fail(kInterrupted, Name() + ": interrupted; nothing was written");
+  }
   if (IsFailed()) {
     return FailWrite();
   }
@@ -94,6 +107,6 @@ int OutputFile::Commit() {
 int OutputFile::FailWrite() const {
   const std::string why = std::strerror(m_error);
   return m_output == "-" ? Fail(kFailed, "stdout: cannot write the result: " + why + "; check where the output goes")
-                         : Fail(kFailed, m_output + ": cannot write the recording: " + why +
+                         : Fail(kFailed, m_output + ": cannot write the " + m_what + ": " + why +
                                              "; check the directory, its permissions and the free space");
 }

@@ -7,7 +7,8 @@
 // A file that takes its name, and an older file's place, when it is complete; or stdout for "-".
 class OutputFile {
  public:
-  explicit OutputFile(const std::string& output) : m_output(output) {}
+  // what: what messages call it, such as a "recording".
+  OutputFile(const std::string& output, const std::string& what) : m_output(output), m_what(what) {}
   // Removes what was not committed.
   ~OutputFile();
   OutputFile(const OutputFile&) = delete;
@@ -19,9 +20,19 @@ class OutputFile {
   // A write callback over an OutputFile. After a failure, or a signal to stop, it fails.
   static int Write(void* self, unsigned char* data, int size);
   bool IsFailed() const { return m_error != 0; }
+  int Error() const { return m_error; }  // errno of the first failure
   std::int64_t Size() const { return m_size; }
 
-  // Puts the file into its place, on the disk. kDone, or prints the error, also that of an earlier write.
+  // For somebody else who writes: the file by the name that it has until the end, empty for stdout.
+  const std::string& Path() const { return m_temporary; }
+  // What that writing failed with. False for an errno that tells of something else.
+  bool TakeError(int error);
+
+  // "stdout", or as named.
+  std::string Name() const { return m_output == "-" ? "stdout" : m_output; }
+
+  // Puts the file into its place, on the disk. kDone, or prints the error, also that of an earlier write, or that a
+  // signal came.
   int Commit();
 
  private:
@@ -29,8 +40,9 @@ class OutputFile {
   int FailWrite() const;
 
   std::string m_output;
+  std::string m_what;
   std::string m_temporary;
   int m_fd = -1;
-  int m_error = 0;  // errno of the first failure
+  int m_error = 0;
   std::int64_t m_size = 0;
 };
