@@ -25,6 +25,7 @@
 #include "platform/settings.h"
 #include "platform/text.h"
 #include "platform/webapi.h"
+#include "utils/internal/ffmpegptr.h"
 #include "utils/internal/log.h"
 #include "utils/mpeg4util.h"
 
@@ -180,18 +181,6 @@ int Post(const std::string& host, int port, const std::string& body, const std::
   answer = ReadAnswer(text);
   return status;
 }
-
-// Notes for a scope which directory is being sent.
-class SendingDir {
- public:
-  SendingDir(std::string& member, const std::string& dir) : m_member(member) { m_member = dir; }
-  ~SendingDir() { m_member.clear(); }
-  SendingDir(const SendingDir&) = delete;
-  SendingDir& operator=(const SendingDir&) = delete;
-
- private:
-  std::string& m_member;
-};
 
 // The bytes of a file on their way.
 struct Body {
@@ -373,7 +362,8 @@ int WebapiSender::SendFile(const ArchFile& file, bool overwrite) try {
 int WebapiSender::SendDir(const std::string& srcDir, bool flag, const std::string& dstDir, bool useTmpDir) try {
   ForgetAnswer();
   VY_FAIL_IF(!IsLoggedIn(), kNotLoggedIn, LOG_LEVEL_ERR, "Auth error Dst[%s]\n", m_strHost.c_str());
-  const SendingDir sending(m_strSendingDir, srcDir);
+  m_strSendingDir = srcDir;
+  const mediautil::ScopeExit sent([this] { m_strSendingDir.clear(); });
   std::string root = dstDir;
   if (!root.empty() && root.back() == '/') {
     root.pop_back();
