@@ -354,6 +354,26 @@ TEST_F(Steps, TriggerMap) {
   }
 }
 
+TEST_F(Steps, LinksThatAppearMeanwhile) {
+  for (const char* name : {"d/a", "d/b", "d/s/c"}) Make(name, "1");
+  const std::string secret = Make("other/c", "secret");
+  onSent = [&](long long, long long) {
+    std::filesystem::remove_all(Path("d/b"));
+    std::filesystem::remove_all(Path("d/s"));
+    std::filesystem::create_symlink(secret, Path("d/b"));
+    std::filesystem::create_directory_symlink(Path("other"), Path("d/s"));
+  };
+  EXPECT_EQ(SendDir(Path("d"), true, "r", false), 0);
+  Lines refused;
+  for (const std::string& line : Said(Path("d"))) {
+    if (line.find("Open file") != std::string::npos) refused.push_back(line);
+  }
+  EXPECT_EQ(refused,
+            (Lines{"4|FileUpload|Open file [PATH/b] failed.\n", "4|FileUpload|Open file [PATH/s/c] failed.\n"}));
+  EXPECT_EQ(g_net.body, "");
+  EXPECT_FALSE(LastFileDelivered());
+}
+
 // The text of the source directory stands in the names below it once more.
 TEST_F(Steps, Directory) {
   for (const char* name : {"d/ad/d.txt", "d/b,c/e", "d/.hidden/x"}) Make(name, "1");
