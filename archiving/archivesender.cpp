@@ -212,7 +212,8 @@ struct Body {
         }
         whole = false;
       }
-      const std::size_t size = std::fread(buffer, 1, std::min<unsigned long long>(kChunk, room), file);
+      const std::size_t size =
+          std::fread(buffer, 1, static_cast<std::size_t>(std::min<unsigned long long>(kChunk, room)), file);
       room -= size;
       if (size == 0) {
         return End::kReadFailed;
