@@ -33,6 +33,7 @@ pushes() { push "$@" && must "${to[@]}" --account admin; }
 fails() { push "${@:2}" && must_fail "$1" "${to[@]}" --account admin; }
 # starts: the push that "to" has, in the background; it has begun to send a file when this returns.
 starts() {
+  : >err.txt # the last one's words must not be taken for this one's
   "$MEDIAUTIL" "${to[@]}" --account admin -vv 2>err.txt &
   pushing=$!
   until grep -q strMsg err.txt; do sleep 0.05; done
