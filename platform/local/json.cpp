@@ -3,6 +3,7 @@
 #include <json/reader.h>
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <memory>
 #include <string_view>
@@ -35,6 +36,12 @@ Outline Scan(const std::string& text) {
   return outline;
 }
 
+// Some versions of the reader make an infinity of a number that is too large.
+bool IsFinite(const Json::Value& value) {
+  if (value.isDouble()) return std::isfinite(value.asDouble());
+  return std::all_of(value.begin(), value.end(), IsFinite);  // an element has no more than kMaxJsonDepth levels
+}
+
 // The text stands between brackets, since the reader overlooks what follows a value when values of any type are
 // allowed. It also takes a NUL, which no JSON text holds, for the end. A comment at the end ends before the bracket.
 bool ParseElement(const std::string& text, bool allowComments, Json::Value& element) {
@@ -55,6 +62,7 @@ bool ParseElement(const std::string& text, bool allowComments, Json::Value& elem
   Json::Value root;
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   if (!reader->parse(array.data(), array.data() + array.size(), &root, nullptr) || root.size() != 1) return false;
+  if (!IsFinite(root)) return false;
   element.swap(root[0]);
   return true;
 }

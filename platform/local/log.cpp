@@ -157,5 +157,5 @@ VyEnum2StrMap<LOG_CATEG>::VyEnum2StrMap() : m_texts{{LOG_CATEG_ARCHPUSH, "ARCHPU
 
 template <>
 VyEnum2StrMap<LOG_LEVEL>::VyEnum2StrMap()
-    : m_texts{{LOG_LEVEL_ERR, "ERR"},      {LOG_LEVEL_WARN, "WARN"},  {LOG_LEVEL_NOTE, "NOTE"},
+    : m_texts{{LOG_LEVEL_ERR, "ERR"},   {LOG_LEVEL_WARN, "WARN"},   {LOG_LEVEL_NOTE, "NOTE"},
               {LOG_LEVEL_INFO, "INFO"}, {LOG_LEVEL_DEBUG, "DEBUG"}, {LOG_LEVEL_TRACE, "TRACE"}} {}
