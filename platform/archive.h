@@ -8,6 +8,7 @@
 // Where an archive task sends to.
 enum ARCH_DEST_TYPE : int { ARCH_DEST_WEBAPI = 0 };
 
+// What a file to be sent is.
 enum ARCH_FILE_TYPE : int {
   ARCH_FILE_RECORDING = 0,       // a recording of this recorder
   ARCH_FILE_PLAIN = 4,           // a plain file
@@ -17,6 +18,7 @@ enum ARCH_FILE_TYPE : int {
 // One file to send.
 class VY_API ArchFile {
  public:
+  // Plain values; the remote gets them as they are, the path of the file apart.
   ARCH_FILE_TYPE GetFileType() const { return m_fileType; }
   std::string GetFilePath() const { return m_filePath; }
   int GetFileTypeId() const { return m_fileTypeId; }
@@ -25,6 +27,7 @@ class VY_API ArchFile {
   std::string GetRecDbPath() const { return m_recDbPath; }  // event database of a recording
   int GetTaskId() const { return m_taskId; }
 
+  // Set what the functions above return.
   void SetFileType(ARCH_FILE_TYPE type) { m_fileType = type; }
   void SetFilePath(const std::string& path) { m_filePath = path; }
   void SetFileTypeId(int id) { m_fileTypeId = id; }
@@ -49,6 +52,7 @@ class VY_API ArchPushTask {
   // Reads a task from the store. 0 on success; -1 when there is none, then the record is unchanged.
   int Load(int taskId);
 
+  // The number of the task, and the directory that it takes from.
   int GetId() const { return m_id; }
   std::string GetSrcDir() const { return m_srcDir; }
   void SetId(int id) { m_id = id; }

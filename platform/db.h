@@ -9,6 +9,7 @@
 // The rows of a query, all of them, in memory.
 struct DBResult_tag;
 
+// Queries and the texts in them.
 class VY_API VyDB {
  public:
   // A text for a LIKE pattern that matches only itself: the wildcards "%" and "_" and the escape character "\" are

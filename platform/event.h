@@ -10,8 +10,10 @@ struct Camera;
 // One recorded event with its two small pictures.
 class VY_API Event {
  public:
+  // An event of that number; nothing is read.
   explicit Event(int eventId = 0) : m_id(eventId) {}
 
+  // The number of the event.
   int GetId() const { return m_id; }
 
   // Copies the thumbnail JPEG into the record, none when jpeg is null; nothing is stored yet.
@@ -22,6 +24,7 @@ class VY_API Event {
   // that is not loaded, then the record is unchanged.
   int SavePreviewThumbnail(const unsigned char* jpeg, unsigned int size, const Camera* camera);
 
+  // The JPEGs; empty when there is none.
   const std::vector<unsigned char>& GetThumbnail() const { return m_thumbnail; }
   const std::vector<unsigned char>& GetPreview() const { return m_preview; }
   // When the preview was stored, seconds since 1970; 0 before.

@@ -9,7 +9,9 @@
 // Replaces the file at path by these bytes as a whole: readers see the old file or the new one, never a part. It keeps
 // the old file's permissions; a new one has 0666 less the umask. A symbolic link at path is itself replaced; a device,
 // FIFO, socket or directory is refused. sync: also wait until the bytes are on the disk. Null data with size 0 makes an
-// empty file. 0 on success; -1 with errno set, then the old file stands and nothing else was left behind.
+// empty file. 0 on success; -1 with errno set, then the old file stands and nothing else was left behind. A process
+// that is killed meanwhile leaves at most a part in ".write-NAMESPACE-THREAD-0" beside path, for each thread that was
+// writing; the next thread of that number which writes there takes its place.
 VY_API int WriteContentFromBufToFile(const char* data, unsigned int size, bool sync, const std::string& path);
 
 // Bytes of a regular file, symbolic links followed; -1 when there is none or it cannot be told.
@@ -31,7 +33,8 @@ VY_API int GetDirsInDir(const std::string& dir, std::list<std::string>& dirs, bo
 VY_API int GetFilesInDir(const std::string& dir, std::list<std::string>& files, bool recursive, bool hidden,
                          const std::string& suffix);
 
-// Makes a directory with those above it, 0777 less the umask. 0 on success, also when it was there; -1 with errno set.
+// Makes a directory with those above it. Each that it makes has 0750, whatever the umask, and belongs to this process's
+// user; those that were there stay as they are. 0 on success, also when all were there; -1 with errno set.
 VY_API int MakeDirIfNotExist(const std::string& path);
 
 // Gives a regular file or directory to the service's user and group: those of this process. Permissions stay.

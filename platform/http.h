@@ -8,6 +8,7 @@
 
 #include "platform/export.h"
 
+// The versions to be spoken; 0 leaves the choice to client and server.
 enum HTTP_VERSION : int { HTTP_VERSION_DEFAULT = 0, HTTP_VERSION_1_0 = 1, HTTP_VERSION_1_1 = 2 };
 enum TLS_VERSION : int { TLS_VERSION_DEFAULT = 0, TLS_VERSION_1_2 = 1, TLS_VERSION_1_3 = 2 };
 
@@ -65,6 +66,7 @@ class VY_API VyHttpClient {
 // A reply writer that gathers the reply's body, up to 1 MiB, in a text of the caller's, which must outlive it.
 class VY_API WriteText {
  public:
+  // The text is appended to.
   explicit WriteText(std::string& sink) : m_sink(sink) {}
   // False when the body grew too long; the transfer fails then.
   bool operator()(const char* data, std::size_t size);

@@ -9,6 +9,7 @@
 
 #include "platform/export.h"
 
+// The kind of a log; the library knows only one.
 enum LOG_TYPE : int { LOG_TYPE_DEFAULT = 0 };
 
 // What a message is about. Values index DbgLogCfg::categLevel.
@@ -36,10 +37,10 @@ enum LOG_LEVEL : int {
 
 // The shared record that every process of the server reads; one page, 32-bit signed words.
 struct DbgLogCfg {
-  static constexpr int kCategCount = 512;
-  static constexpr int kPidCapacity = 510;
+  static constexpr int kCategCount = 512;   // categories
+  static constexpr int kPidCapacity = 510;  // processes
 
-  std::int32_t reserved;
+  std::int32_t reserved;                 // 0
   std::int32_t categLevel[kCategCount];  // level threshold of each category
   std::int32_t pidCount;                 // 0 or less: no process is filtered out
   std::int32_t pids[kPidCapacity];       // the processes that follow the thresholds
@@ -76,6 +77,8 @@ class VyEnum2StrMap {
     const auto it = m_texts.find(value);
     return it == m_texts.end() ? nullptr : it->second;
   }
+
+  // All of them.
   const std::map<E, const char*>& Texts() const { return m_texts; }
 
  private:

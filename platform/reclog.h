@@ -22,10 +22,10 @@ enum REC_TRIG_META : int {
 template <typename E>
 class BitwiseEnum {
  public:
-  static constexpr std::size_t kEntryBytes = 6;
+  static constexpr std::size_t kEntryBytes = 6;  // bytes of a bit set
 
+  // The number of bit sets, and their bytes.
   explicit BitwiseEnum(std::size_t entries) : m_bytes(entries * kEntryBytes) {}
-
   std::size_t Entries() const { return m_bytes.size() / kEntryBytes; }
   unsigned char* Data() { return m_bytes.data(); }
   const unsigned char* Data() const { return m_bytes.data(); }
@@ -40,6 +40,7 @@ class BitwiseEnum {
 // entry cut short stay as they are. 0 when there was a log; -1 otherwise, the map is unchanged then.
 VY_API int ReadRecLog2(const std::string& dir, long startTime, BitwiseEnum<REC_TRIG_META>& map);
 
+// What the name of a recording tells.
 class VY_API EventNameParser {
  public:
   // When a recording began, seconds since 1970, from its file name: the last group of digits before the extension, as

@@ -1,5 +1,8 @@
 #include "platform/camera.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "platform/local/store.h"
 
 using local::Statement;
@@ -21,6 +24,11 @@ Camera FromRow(const Statement& row) {
 }
 
 }  // namespace
+
+bool IsSupportedMp4VdoType(int videoType) {
+  constexpr int kTypes[] = {2, 3, 5, 6, 7, 8};
+  return std::find(std::begin(kTypes), std::end(kTypes), videoType) != std::end(kTypes);
+}
 
 int Camera::Load(int cameraId, int, int) {
   const Store store(Store::Access::kRead);

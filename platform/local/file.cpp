@@ -3,11 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
-#include <system_error>
 
 #include "platform/local/fd.h"
 
@@ -18,14 +15,22 @@ std::string DirOf(const std::string& path) {
   return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
 }
 
+// No other living thread has it: thread ids are unique in a PID namespace, of which containers have their own.
+std::string ThreadName() {
+  struct stat space = {};
+  const bool isKnown = stat("/proc/self/ns/pid", &space) == 0;
+  return std::to_string(isKnown ? space.st_ino : 0) + "-" + std::to_string(gettid());
+}
+
 // open(2) rather than mkostemp(3): the kernel applies the umask, which a library cannot read without changing it for
-// all threads. A leftover of an ended process may hold a name, so the next one is tried.
+// all threads. What has the name was left by a killed process; the next one is for where it cannot be removed.
 int CreateTemporary(const std::string& dir, mode_t mode, std::string& name) {
-  static std::atomic<unsigned> counter{0};
   constexpr int kAttempts = 1000;
+  const std::string begin = dir + "/.write-" + ThreadName() + "-";
   int fd = -1;
   for (int i = 0; i < kAttempts; ++i) {
-    name = dir + "/.write-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    name = begin + std::to_string(i);
+    unlink(name.c_str());
     fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (fd >= 0 || errno != EEXIST) break;
   }
@@ -97,10 +102,37 @@ std::string GetDirPath(const std::string& path) {
   return last == std::string::npos ? "/" : path.substr(0, last + 1);
 }
 
+namespace {
+
+// With 0750, whatever the umask. A group that the directory hands on to what is made in it stays so.
+int MakeDir(const std::string& path) {
+  struct stat info = {};
+  if (mkdir(path.c_str(), 0750) != 0) return -1;
+  const bool isShort = stat(path.c_str(), &info) == 0 && (info.st_mode & 0777) != 0750;
+  return isShort ? chmod(path.c_str(), (info.st_mode & S_ISGID) | 0750) : 0;
+}
+
+}  // namespace
+
 int MakeDirIfNotExist(const std::string& path) {
-  std::error_code error = std::make_error_code(std::errc::invalid_argument);
-  if (path.find('\0') == std::string::npos) std::filesystem::create_directories(path, error);
-  if (!error) return 0;
-  errno = error.value();
+  if (path.find('\0') != std::string::npos) {
+    errno = EINVAL;
+    return -1;
+  }
+  struct stat info = {};
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return 0;
+
+  int result = -1;
+  std::size_t end = 0;
+  do {
+    end = path.find('/', end + 1);
+    result = MakeDir(path.substr(0, end));
+  } while (end != std::string::npos);
+  if (result == 0) return 0;
+
+  const int error = errno;
+  const bool exists = error == EEXIST && stat(path.c_str(), &info) == 0;
+  if (exists && S_ISDIR(info.st_mode)) return 0;
+  errno = exists ? ENOTDIR : error;
   return -1;
 }

@@ -1,9 +1,11 @@
-// Text and time.
+// Text, time and video types.
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 #include <ctime>
 
+#include "platform/camera.h"
 #include "platform/text.h"
 #include "platform/time.h"
 
@@ -36,11 +38,32 @@ TEST(TimeTest, USecToSecTruncates) {
   EXPECT_EQ(USecToSec(-1999999), -1);
 }
 
+TEST(TimeTest, DifferenceNeverOverflows) {
+  const std::tuple<long, long, long> cases[] = {{3, 5, 2},
+                                                {-3, 5, 8},
+                                                {7, 7, 0},
+                                                {LONG_MIN, LONG_MIN, 0},
+                                                {LONG_MIN, -1, LONG_MAX},
+                                                {LONG_MIN, 0, LONG_MAX},
+                                                {LONG_MIN, LONG_MAX, LONG_MAX},
+                                                {0, LONG_MAX, LONG_MAX}};
+  for (const auto& [a, b, difference] : cases) {
+    EXPECT_EQ(GetAbsTimeDiffBySec(a, b), difference) << a << " " << b;
+    EXPECT_EQ(GetAbsTimeDiffBySec(b, a), difference) << a << " " << b;
+  }
+}
+
 TEST(TimeTest, MonotonicTimestampIsTheSystemsClock) {
   timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   const auto microseconds = now.tv_sec * 1000000LL + now.tv_nsec / 1000;
   EXPECT_NEAR(static_cast<double>(GetMonotonicTimestamp() - microseconds), 10e6, 10e6);
+}
+
+TEST(CameraTest, VideoTypesThatNeedADecoder) {
+  std::string types;
+  for (int type = -1; type < 10; ++type) types += IsSupportedMp4VdoType(type) ? std::to_string(type) : "";
+  EXPECT_EQ(types, "235678");
 }
 
 }  // namespace
