@@ -202,7 +202,7 @@ short Ulaw2Linear(unsigned char code) {
 
 int GetAudioDuration(const std::string& path) {
   AVFormatContext* fmt = nullptr;
-  const bool isOpen = mediautil::OpenInput(path, fmt);
+  const bool isOpen = mediautil::OpenInput(path, fmt) >= 0;
   const mediautil::InputPtr input(fmt);
   VY_FAIL_IF(!isOpen, -1, LOG_LEVEL_ERR, "Could not open source file %s.\n", path.c_str());
   VY_FAIL_IF(avformat_find_stream_info(fmt, nullptr) < 0, -1, LOG_LEVEL_ERR, "Failed to get stream info.\n");
@@ -268,7 +268,7 @@ int GetWavAudioFileDataStartPos(const std::string& path) {
 int GetAVFormat(const std::string& path, AVFormatContext*& fmt) {
   fmt = avformat_alloc_context();
   VY_FAIL_IF(fmt == nullptr, -1, LOG_LEVEL_ERR, "Failed to alloc avcontext\n");
-  VY_FAIL_IF(!mediautil::OpenInput(path, fmt), -1, LOG_LEVEL_ERR, "Could not open source file %s.\n", path.c_str());
+  VY_FAIL_IF(mediautil::OpenInput(path, fmt) < 0, -1, LOG_LEVEL_ERR, "Could not open source file %s.\n", path.c_str());
   VY_FAIL_IF(avformat_find_stream_info(fmt, nullptr) < 0, -1, LOG_LEVEL_ERR, "Failed to get stream info.\n");
   return 0;
 }

@@ -49,7 +49,7 @@ void DemuxMp3::Close() {
 int DemuxMp3::Open(std::string path, ESFormat& fmt) {
   Close();
   AVFormatContext* opened = nullptr;
-  const bool isOpen = mediautil::OpenInput(path, opened);
+  const bool isOpen = mediautil::OpenInput(path, opened) >= 0;
   mediautil::InputPtr input(opened);
   VY_FAIL_IF(!isOpen, -1, LOG_LEVEL_ERR, "Could not open source file %s.\n", path.c_str());
   VY_FAIL_IF(avformat_find_stream_info(input.get(), nullptr) < 0, -1, LOG_LEVEL_ERR, "Failed to get stream info.\n");

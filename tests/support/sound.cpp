@@ -59,6 +59,13 @@ double LevelAt(const Samples& sound, int rate, double frequency) {
   return weight > 0 ? 2 * std::hypot(re, im) / weight : 0;
 }
 
+double LevelIn(const Samples& sound, int rate, double from, double to, double frequency) {
+  const auto at = [&](double seconds) {
+    return sound.data() + std::min(static_cast<std::size_t>(std::lround(seconds * rate)), sound.size());
+  };
+  return LevelAt(Samples(at(from), at(to)), rate, frequency);
+}
+
 SoundClip EncodeTone(const SoundWish& wish) {
   const FfPtr<AVCodecContext> ctx = OpenEncoder(wish);
   SoundClip clip;
@@ -68,7 +75,7 @@ SoundClip EncodeTone(const SoundWish& wish) {
   if (ctx->extradata_size > 0) {
     clip.extradata.assign(ctx->extradata, ctx->extradata + ctx->extradata_size);
   }
-  const Samples tone = Tone(wish.rate, wish.seconds, wish.frequency);
+  const Samples tone = Tone(wish.rate, wish.seconds, wish.frequency, wish.amplitude);
   const int step = ctx->frame_size > 0 ? ctx->frame_size : wish.rate / 50;
   const FfPtr<AVPacket> packet(av_packet_alloc());
   const auto keep = [&clip](const AVPacket* coded) {
@@ -83,6 +90,49 @@ SoundClip EncodeTone(const SoundWish& wish) {
   }
   mediautil::EncodeFrame(ctx.get(), nullptr, packet.get(), gotPacket, keep);
   return clip;
+}
+
+FfPtr<AVCodecParameters> ParametersOf(const SoundClip& clip) {
+  FfPtr<AVCodecParameters> par(avcodec_parameters_alloc());
+  par->codec_type = AVMEDIA_TYPE_AUDIO;
+  par->codec_id = clip.codecId;
+  par->sample_rate = clip.rate;
+  av_channel_layout_default(&par->ch_layout, clip.channels);
+  par->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
+  par->extradata_size = static_cast<int>(clip.extradata.size());
+  return par;
+}
+
+AVPacket* MakePacket(const Bytes& data) {
+  FfPtr<AVPacket> packet(av_packet_alloc());
+  Require(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
+  std::copy(data.begin(), data.end(), packet->data);
+  return packet.release();
+}
+
+std::string WriteFile(const std::vector<SoundClip>& clips, const std::string& path) {
+  AVFormatContext* oc = nullptr;
+  Require(avformat_alloc_output_context2(&oc, nullptr, nullptr, path.c_str()) >= 0, path);
+  for (const SoundClip& clip : clips) {
+    avcodec_parameters_copy(avformat_new_stream(oc, nullptr)->codecpar, ParametersOf(clip).get());
+  }
+  Require(avio_open(&oc->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0 && avformat_write_header(oc, nullptr) >= 0, path);
+  for (unsigned int i = 0; i < clips.size(); ++i) {
+    std::int64_t at = 0;
+    for (const Bytes& data : clips[i].packets) {
+      const FfPtr<AVPacket> packet(MakePacket(data));
+      packet->stream_index = static_cast<int>(i);
+      packet->duration = av_get_audio_frame_duration2(oc->streams[i]->codecpar, packet->size);
+      packet->pts = packet->dts = at;
+      at += packet->duration;
+      av_packet_rescale_ts(packet.get(), {1, clips[i].rate}, oc->streams[i]->time_base);
+      Require(av_interleaved_write_frame(oc, packet.get()) >= 0, path);
+    }
+  }
+  Require(av_write_trailer(oc) >= 0, path);
+  avio_closep(&oc->pb);
+  avformat_free_context(oc);
+  return path;
 }
 
 Bytes WithAdts(const Bytes& raw, int rate, int channels) {

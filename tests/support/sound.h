@@ -13,6 +13,9 @@ Samples Tone(int rate, double seconds, double frequency = 1000, double amplitude
 // Amplitude of one frequency in the middle half of the sound.
 double LevelAt(const Samples& sound, int rate, double frequency);
 
+// The same between two seconds of the sound; what it does not have is left out.
+double LevelIn(const Samples& sound, int rate, double from, double to, double frequency);
+
 struct SoundWish {
   const char* encoder;  // "pcm_mulaw", "g726le", "aac", "libmp3lame", ...
   int rate = 8000;
@@ -20,6 +23,7 @@ struct SoundWish {
   double seconds = 2;
   double frequency = 1000;
   int bitRate = 0;
+  double amplitude = 0.5;
 };
 
 struct SoundClip {
@@ -30,8 +34,16 @@ struct SoundClip {
   std::vector<Bytes> packets;  // one encoder frame each; 20 ms for encoders without frames
 };
 
-// Encodes a tone of amplitude 0.5, the same on every channel.
+// Encodes a tone, the same on every channel.
 SoundClip EncodeTone(const SoundWish& wish);
+
+mediautil::FfPtr<AVCodecParameters> ParametersOf(const SoundClip& clip);
+
+// A packet of those bytes, which the caller frees.
+AVPacket* MakePacket(const Bytes& data);
+
+// Writes a file of the container that its name asks for, with a track of each clip. Returns the path.
+std::string WriteFile(const std::vector<SoundClip>& clips, const std::string& path);
 
 // A raw AAC (LC) packet with its ADTS header.
 Bytes WithAdts(const Bytes& raw, int rate, int channels);

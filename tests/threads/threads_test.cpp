@@ -12,10 +12,13 @@
 #include "tests/support/media.h"
 #include "tests/support/sound.h"
 #include "tests/support/tempdir.h"
+#include "utils/audiomixer.h"
 #include "utils/audiotranscoder.h"
 #include "utils/audioutil.h"
 #include "utils/encodermp3.h"
+#include "utils/ffmpegadapter.h"
 #include "utils/ffmpegdemuxer.h"
+#include "utils/gifprocess.h"
 #include "utils/imageobject.h"
 #include "utils/internal/log.h"
 #include "utils/mp3demuxer.h"
@@ -94,7 +97,7 @@ TEST(Threads, TheLibraryStartsNone) {
   const Clip clip = EncodeClip({"libx264", 320, 240, 10, 0, true});
   WriteFile(clip, dir.Path("clip.mp4"));
   SaveTone(dir.Path("tone.flac"), "-ar 44100", 20);  // whose decoder could use threads
-  std::thread([] {}).join();  // with the first one ThreadSanitizer starts its own
+  std::thread([] {}).join();                         // with the first one ThreadSanitizer starts its own
   const std::size_t before = ThreadCount();
   std::size_t most = before;
   const auto look = [&most](std::size_t own = 0) { most = std::max(most, ThreadCount() - own); };
@@ -111,7 +114,31 @@ TEST(Threads, TheLibraryStartsNone) {
   const Bytes& key = clip.frames[0].data;
   ASSERT_EQ(DoFFMpegDecode(attr, key.data(), static_cast<int>(key.size())), 0);
   look();
+  AudioMixer mixer;
+  const mediautil::FfPtr<AVCodecParameters> aac(FFmpegAdapter::AudioOutCodecParameters());
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(mixer.AddStream(aac.get()), i);
+  ASSERT_EQ(mixer.SetOutput(""), 0);
+  ASSERT_EQ(mixer.ProcessInput(), 0);
+  look();
   DoFFMpegFree(attr, buffer);
+
+  CropAttr crop = {};
+  ASSERT_EQ(DoFFMpegInitFilter(crop, 320, 240, 100, 100, 0, 0), 0);
+  look();
+  DoFFMpegReleaseFilter(crop);
+  const auto lookDuring = [&look](const auto& step) {
+    std::future<int> result = std::async(std::launch::async, step);
+    while (result.wait_for(std::chrono::seconds(0)) != std::future_status::ready) look(1);
+    return result.get();
+  };
+  GifProcess gif;
+  gif.SetGifPath(dir.Path("key.gif"));
+  Bytes extradata = clip.extradata;
+  Bytes data = key;
+  ASSERT_EQ(
+      gif.AddFrame(data.data(), static_cast<int>(data.size()), extradata.data(), static_cast<int>(extradata.size()), 3),
+      0);
+  EXPECT_EQ(lookDuring([&gif] { return gif.Process(); }), 0);
 
   DemuxMp3 player;
   ASSERT_EQ(player.Open(dir.Path("tone.flac"), audio), 0);
@@ -127,9 +154,6 @@ TEST(Threads, TheLibraryStartsNone) {
   sound->sample_fmt = AV_SAMPLE_FMT_S16;
   ASSERT_EQ(encoder.OpenOutputAudioCodec(sound.get(), false, ""), 0);
   look();
-  std::future<int> converted =
-      std::async(std::launch::async, TranscodeToG711, dir.Path("tone.flac"), dir.Path("tone.wav"));
-  while (converted.wait_for(std::chrono::seconds(0)) != std::future_status::ready) look(1);
-  EXPECT_EQ(converted.get(), 0);
+  EXPECT_EQ(lookDuring([&dir] { return TranscodeToG711(dir.Path("tone.flac"), dir.Path("tone.wav")); }), 0);
   EXPECT_EQ(most, before);
 }

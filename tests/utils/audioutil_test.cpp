@@ -178,7 +178,9 @@ TEST_F(AudioUtil, Refusals) {
   ESFormat fmt;
   for (const char* name : {"none", "", "fifo", "large", "live.m3u8", "self", "mute.mp4", "codec", "bits"}) {
     const std::string path = dir.Path(name);
-    const std::string message = *name == 'm'   ? "1|Could not find any audio stream in the file.\n"
+    // Newer versions of FFmpeg do not count a stream whose decoder does not open.
+    const bool isNone = *name == 'm' || (*name == 'b' && avformat_version() >= AV_VERSION_INT(61, 0, 0));
+    const std::string message = isNone         ? "1|Could not find any audio stream in the file.\n"
                                 : *name == 'c' ? "1|Failed to find decoder with codec 0.\n"
                                 : *name == 'b' ? "1|Failed to open codec.\n"
                                                : "1|Could not open source file " + path + ".\n";

@@ -16,15 +16,19 @@ namespace {
 // A playlist may wait for the next piece for ever, or name itself; game music may have no end.
 constexpr char kRefusedFormats[] = "concat,dash,hls,imf,libgme,vobsub";
 
-// The format of a file's content, null for none to be opened. Reading a header would be too late to look.
-const AVInputFormat* ProbeFormat(const std::string& url) {
-  const AVInputFormat* format = nullptr;
+// The format of a file's content, or an error. Reading a header would be too late to look.
+int ProbeFormat(const std::string& url, const AVInputFormat*& format) {
   AVIOContext* io = nullptr;
-  if (avio_open(&io, url.c_str(), AVIO_FLAG_READ) >= 0) {
-    av_probe_input_buffer2(io, &format, url.c_str(), nullptr, 0, 0);
-    avio_closep(&io);
+  int ret = avio_open(&io, url.c_str(), AVIO_FLAG_READ);
+  ret = ret < 0 ? ret : av_probe_input_buffer2(io, &format, url.c_str(), nullptr, 0, 0);
+  if (ret >= 0 && format != nullptr && av_match_name(format->name, "image2") != 0) {
+    // Taken by the name, which may be a pattern for other files ("cam%d.jpg"). The content counts.
+    format = nullptr;
+    ret = av_probe_input_buffer2(io, &format, "", nullptr, 0, 0);
   }
-  return format == nullptr || av_match_name(format->name, kRefusedFormats) != 0 ? nullptr : format;
+  avio_closep(&io);
+  const bool isRefused = format == nullptr || av_match_name(format->name, kRefusedFormats) != 0;
+  return ret >= 0 && isRefused ? AVERROR_INVALIDDATA : std::min(ret, 0);
 }
 
 }  // namespace
@@ -35,20 +39,19 @@ bool IsPlainFileOrNone(const std::string& path) {
   return !std::filesystem::exists(status) || std::filesystem::is_regular_file(status);
 }
 
-bool OpenInput(const std::string& path, AVFormatContext*& fmt) {
+int OpenInput(const std::string& path, AVFormatContext*& fmt) {
   LockAVCodecRegister();
-  std::error_code ignored;
   const std::string url = "file:" + path;
-  const AVInputFormat* format = std::filesystem::is_regular_file(path, ignored) ? ProbeFormat(url) : nullptr;
-  if (format == nullptr) {
+  const AVInputFormat* format = nullptr;
+  if (const int ret = IsPlainFileOrNone(path) ? ProbeFormat(url, format) : AVERROR_INVALIDDATA; ret < 0) {
     LockAVFormatFreeContext(fmt);
-    return false;
+    return ret;
   }
   AVDictionary* options = nullptr;
   av_dict_set(&options, "protocol_whitelist", "file", 0);
   const int ret = avformat_open_input(&fmt, url.c_str(), format, &options);
   av_dict_free(&options);
-  return ret >= 0;
+  return ret;
 }
 
 int FindAudioStream(AVFormatContext* fmt) {

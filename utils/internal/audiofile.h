@@ -11,8 +11,8 @@ namespace mediautil {
 bool IsPlainFileOrNone(const std::string& path);
 
 // Opens a plain file into fmt, a context from avformat_alloc_context or null; path is never taken for a URL. Formats
-// that open further files or may have no end are refused. False with fmt freed and null.
-bool OpenInput(const std::string& path, AVFormatContext*& fmt);
+// that open further files or may have no end are refused. 0, or an error of FFmpeg with fmt freed and null.
+int OpenInput(const std::string& path, AVFormatContext*& fmt);
 
 // The index of the best audio stream, or a negative error.
 int FindAudioStream(AVFormatContext* fmt);

@@ -1,0 +1,86 @@
+#include "utils/internal/soundformat.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+
+extern "C" {
+#include <libavutil/avstring.h>
+#include <libavutil/channel_layout.h>
+}
+
+namespace mediautil {
+namespace {
+
+constexpr SoundFormat kFormats[] = {{".mp3", "mp3", AV_CODEC_ID_MP3, AV_SAMPLE_FMT_S16P},
+                                    {".wav", "wav", AV_CODEC_ID_PCM_S16LE, AV_SAMPLE_FMT_S16},
+                                    {".aac", "adts", AV_CODEC_ID_AAC, AV_SAMPLE_FMT_FLTP},
+                                    {".m4a", "ipod", AV_CODEC_ID_AAC, AV_SAMPLE_FMT_FLTP},
+                                    {".mp4", "mp4", AV_CODEC_ID_AAC, AV_SAMPLE_FMT_FLTP}};
+
+// What both MP3 and AAC have.
+constexpr int kCompressedRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
+
+constexpr int kBitRate = 64000;  // of one channel
+
+constexpr float kWild = 1000;  // 60 dB over full scale
+
+int EncoderRate(AVCodecID codec, int rate) {
+  const int* last = std::end(kCompressedRates) - 1;
+  return codec == AV_CODEC_ID_PCM_S16LE ? rate : *std::lower_bound(std::begin(kCompressedRates), last, rate);
+}
+
+bool IsWild(float sample) {
+  return !(std::fabs(sample) <= kWild);
+}
+
+}  // namespace
+
+const SoundFormat* FindSoundFormat(const std::string& path) {
+  const std::size_t dot = path.rfind('.');
+  const char* extension = dot == std::string::npos ? "" : path.c_str() + dot;
+  const auto* found = std::find_if(std::begin(kFormats), std::end(kFormats), [&](const SoundFormat& format) {
+    return av_strcasecmp(format.extension, extension) == 0;
+  });
+  return found == std::end(kFormats) ? nullptr : found;
+}
+
+FfPtr<AVCodecContext> MakeEncoder(const SoundFormat& format, int rate, int channels) {
+  const AVCodec* encoder = avcodec_find_encoder(format.codec);
+  FfPtr<AVCodecContext> ctx(encoder == nullptr ? nullptr : avcodec_alloc_context3(encoder));
+  if (ctx != nullptr) {
+    ctx->sample_rate = EncoderRate(format.codec, rate);
+    ctx->sample_fmt = format.sampleFormat;
+    ctx->bit_rate = std::int64_t{kBitRate} * channels;
+    ctx->time_base = {1, ctx->sample_rate};
+    ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    av_channel_layout_default(&ctx->ch_layout, channels);
+  }
+  return ctx;
+}
+
+int MakeSoundFile(const SoundFormat& format, const AVCodecContext& encoder, const std::string& path,
+                  AVFormatContext*& oc) {
+  int ret = avformat_alloc_output_context2(&oc, nullptr, format.container, path.c_str());
+  AVStream* st = ret < 0 ? nullptr : avformat_new_stream(oc, nullptr);
+  ret = ret >= 0 && st == nullptr ? AVERROR(ENOMEM) : ret;
+  ret = ret < 0 ? ret : avcodec_parameters_from_context(st->codecpar, &encoder);
+  if (ret < 0) {
+    LockAVFormatFreeContext(oc);
+    return ret;
+  }
+  st->time_base = encoder.time_base;
+  return 0;
+}
+
+void SilenceWildSamples(AVFrame* frame) {
+  for (int i = 0; frame->format == AV_SAMPLE_FMT_FLTP && i < frame->ch_layout.nb_channels; ++i) {
+    auto* samples = reinterpret_cast<float*>(frame->extended_data[i]);
+    if (std::any_of(samples, samples + frame->nb_samples, IsWild) && av_frame_make_writable(frame) >= 0) {
+      samples = reinterpret_cast<float*>(frame->extended_data[i]);
+      std::replace_if(samples, samples + frame->nb_samples, IsWild, 0.0F);
+    }
+  }
+}
+
+}  // namespace mediautil
