@@ -28,6 +28,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/log.h>
@@ -610,6 +611,67 @@ int DoFFMpegOverlayTwoImage(AVFrame* base, AVFrame* top, AVFrame** output, AVPix
   VY_FAIL_IF(DoFFmpegConvertFrameFormat(filtered.get(), format, output) != 0, -1, LOG_LEVEL_ERR,
              "DoFFMpegOverlayTwoImage, DoFFmpegConvertFrameFormat failed\n");
   return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Crop
+// ---------------------------------------------------------------------------------------------------------------------
+
+int DoFFMpegInitFilter(CropAttr& attr, int width, int height, int cropWidth, int cropHeight, int x, int y) {
+  DoFFMpegReleaseFilter(attr);
+  LockAVFilterRegister();
+  char source[512];
+  std::snprintf(source, sizeof(source), "video_size=%dx%d:pix_fmt=%d:time_base=1/25:pixel_aspect=1/1", width, height,
+                static_cast<int>(AV_PIX_FMT_YUV420P));
+  char rectangle[128];
+  std::snprintf(rectangle, sizeof(rectangle), "out_w=%d:out_h=%d:x=%d:y=%d", cropWidth, cropHeight, x, y);
+
+  attr.pGraph = mediautil::MakeGraph().release();
+  VY_FAIL_IF(attr.pGraph == nullptr, -1, LOG_LEVEL_ERR, "Fail to create filter graph!\n");
+  attr.pSrcFilter = avfilter_get_by_name("buffer");
+  attr.pSrcCtx = mediautil::AddFilter(attr.pGraph, "buffer", "in", source);
+  VY_FAIL_IF(attr.pSrcCtx == nullptr, -1, LOG_LEVEL_ERR, "Fail to create filter bufferSrc\n");
+  attr.pSinkFilter = avfilter_get_by_name("buffersink");
+  attr.pSinkCtx = mediautil::AddFilter(attr.pGraph, "buffersink", "out", nullptr);
+  VY_FAIL_IF(attr.pSinkCtx == nullptr, -1, LOG_LEVEL_ERR, "Fail to create filter sink filter\n");
+  attr.pCropFilter = avfilter_get_by_name("crop");
+  attr.pCropCtx = mediautil::AddFilter(attr.pGraph, "crop", "crop", rectangle);
+  VY_FAIL_IF(attr.pCropCtx == nullptr, -1, LOG_LEVEL_ERR, "Fail to create crop filter\n");
+
+  VY_FAIL_IF(
+      avfilter_link(attr.pSrcCtx, 0, attr.pCropCtx, 0) != 0 || avfilter_link(attr.pCropCtx, 0, attr.pSinkCtx, 0) != 0,
+      -1, LOG_LEVEL_ERR, "Fail to link src filter and split filter\n");
+  VY_FAIL_IF(avfilter_graph_config(attr.pGraph, nullptr) < 0, -1, LOG_LEVEL_ERR, "Fail in filter graph\n");
+  return 0;
+}
+
+namespace {
+
+// True for a picture of the size and format that the graph was built for; FFmpeg would take any and cut outside of it.
+bool IsPictureFor(const CropAttr& attr, const AVFrame* frame) {
+  if (attr.pSinkCtx == nullptr || attr.pSinkCtx->inputs[0] == nullptr || attr.pSinkCtx->inputs[0]->w < 1) {
+    return false;  // the graph was not built to its end
+  }
+  const AVFilterLink& link = *attr.pSrcCtx->outputs[0];
+  return frame != nullptr && frame->data[0] != nullptr && frame->width == link.w && frame->height == link.h &&
+         frame->format == link.format;
+}
+
+}  // namespace
+
+int DoFFMpegCrop(CropAttr& attr, AVFrame* input, AVFrame* output) {
+  VY_FAIL_IF(!IsPictureFor(attr, input) || output == nullptr ||
+                 av_buffersrc_add_frame_flags(attr.pSrcCtx, input, AV_BUFFERSRC_FLAG_KEEP_REF) < 0,
+             -1, LOG_LEVEL_ERR, "Error while feeding the filtergraph\n");
+  av_frame_unref(output);
+  VY_FAIL_IF(av_buffersink_get_frame(attr.pSinkCtx, output) < 0, -1, LOG_LEVEL_ERR,
+             "Error while get frame from filtergraph\n");
+  return 0;
+}
+
+void DoFFMpegReleaseFilter(CropAttr& attr) {
+  avfilter_graph_free(&attr.pGraph);
+  attr = {};
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

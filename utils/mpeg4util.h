@@ -1,4 +1,5 @@
-// Media core: logging and FFmpeg lock, video decoder session, conversion and JPEG snapshot, privacy mask and overlay.
+// Media core: logging and FFmpeg lock, video decoder session, conversion and JPEG snapshot, privacy mask and overlay,
+// crop.
 #pragma once
 
 #include <string>
@@ -14,6 +15,9 @@ extern "C" {
 struct AVCodec;
 struct AVCodecContext;
 struct AVDictionary;
+struct AVFilter;
+struct AVFilterContext;
+struct AVFilterGraph;
 struct AVFormatContext;
 struct AVFrame;
 struct AVStream;
@@ -44,6 +48,7 @@ VY_API std::string GetFfmpegErr(int err);
 // FFmpeg access lock: one mutex for the process, held only while the wrapped FFmpeg call runs
 // ---------------------------------------------------------------------------------------------------------------------
 
+// The mutex itself; the functions below take it.
 extern VY_API VyMutex g_FFMpegThreadLock;
 
 // Register codecs and containers, or filters, once for the process.
@@ -65,7 +70,7 @@ VY_API void LockAVFormatFreeContext(AVFormatContext*& ctx);
 
 // A decoder session. The caller zero-initialises it, uses it from one thread at a time and ends it with DoFFMpegFree.
 struct FFmpegAttr {
-  const AVCodec* pCodec;
+  const AVCodec* pCodec;      // FFmpeg's, not owned
   AVCodecContext* pCodecCtx;  // the open decoder
   AVFrame* pRawFrame;         // the picture decoded last
   AVFrame* pOutFrame;         // lies over the caller's buffer after DoFFMpegScale
@@ -139,6 +144,35 @@ VY_API int GetPrivacyRegionFrame(AVFrame** output, const std::string& privacyReg
 // Lays top over base, both RGBA and of one size, blended by top's alpha, and converts the result to format, which must
 // not be RGBA. The inputs stay unchanged. 0, or -1. The caller releases *output with av_frame_free.
 VY_API int DoFFMpegOverlayTwoImage(AVFrame* base, AVFrame* top, AVFrame** output, AVPixelFormat format);
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Crop: cuts the same rectangle out of every picture of a stream
+// ---------------------------------------------------------------------------------------------------------------------
+
+// The caller zero-initialises it, uses it from one thread at a time and ends it with DoFFMpegReleaseFilter.
+struct CropAttr {
+  const AVFilter* pSrcFilter;   // "buffer"
+  AVFilterContext* pSrcCtx;     // "in"
+  const AVFilter* pSinkFilter;  // "buffersink"
+  AVFilterContext* pSinkCtx;    // "out"
+  const AVFilter* pCropFilter;  // "crop"
+  AVFilterContext* pCropCtx;    // the rectangle
+  AVFilterGraph* pGraph;        // owns the three contexts
+};
+
+// Prepares for YUV 4:2:0 pictures of width x height pixels; a record that was prepared before is replaced. Sizes and
+// offsets are rounded down to even numbers (100x51 at 11,7 gives 100x50 at 10,6), and a rectangle that reaches out of
+// the picture is moved into it. One that is larger than the picture, or nothing after rounding, fails. 0, or -1; call
+// DoFFMpegReleaseFilter in both cases.
+VY_API int DoFFMpegInitFilter(CropAttr& attr, int width, int height, int cropWidth, int cropHeight, int x, int y);
+
+// Cuts the rectangle out of input, which stays unchanged, and replaces what output held. The result mostly refers to
+// input's pixels; the caller ends it with av_frame_unref. 0, or -1; a picture of another size or pixel format is
+// refused and leaves output as it was.
+VY_API int DoFFMpegCrop(CropAttr& attr, AVFrame* input, AVFrame* output);
+
+// Releases all of the record and sets its pointers to null. May run twice.
+VY_API void DoFFMpegReleaseFilter(CropAttr& attr);
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Stream formats
