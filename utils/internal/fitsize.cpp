@@ -55,4 +55,16 @@ Size CoverBox(Size picture, Size box) {
   return {side(picture.width), side(picture.height)};
 }
 
+Size FitSquare(Size picture, int box) {
+  const int longest = std::max(picture.width, picture.height);
+  if (longest <= box) {
+    return picture;
+  }
+  const float scale = RoundToFloat(static_cast<long double>(box) / longest);
+  const auto side = [scale](int pixels) {
+    return std::max(static_cast<int>(RoundToFloat(static_cast<long double>(pixels) * scale)), 1);
+  };
+  return {side(picture.width), side(picture.height)};
+}
+
 }  // namespace mediautil

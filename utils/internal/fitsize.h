@@ -19,4 +19,8 @@ Size CompleteSize(Size picture, Size wanted);
 // Scales so that the box is covered and one side touches it; halves round away from zero.
 Size CoverBox(Size picture, Size box);
 
+// Shrinks so that neither side is longer than box; scale and products are floats, truncated, at least 1: 1000x500 to
+// 640 gives 640x320.
+Size FitSquare(Size picture, int box);
+
 }  // namespace mediautil
