@@ -9,6 +9,7 @@
 struct AVCodecParameters;
 struct AVPacket;
 
+// Functions only; nothing is kept.
 class VY_API FFmpegAdapter {
  public:
   // New codec parameters that describe fmt, or null for an unknown category. Sets fmt.i_codec_id from an audio codec

@@ -19,6 +19,7 @@ class VY_API ImageObject {
   // The regions that LoadFromMPEG paints black; format as in GetPrivacyRegionFrame, empty for none.
   void SetPrivacyRegion(const std::string& privacyRegion);
 
+  // The picture as it stands.
   unsigned int GetWidth() const { return m_width; }
   unsigned int GetHeight() const { return m_height; }
   unsigned int GetLength() const { return m_length; }  // bytes in use, 3 x width x height
