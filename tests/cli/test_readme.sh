@@ -33,3 +33,19 @@ equal "$(size out.jpg)" mjpeg,640,360
 equal "$(colour out.jpg 100 50)" black
 ./example /dev/null >out.jpg 2>err.txt && die 'no frame, yet a picture'
 equal "$(stat -c %s out.jpg)" 0
+
+# The commands of its ten minutes do what it says, on a port that is free.
+port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+{
+  # shellcheck disable=SC2016  # for that shell
+  echo 'trap "kill \$(jobs -p)" EXIT'
+  grep '^ffmpeg ' "$top/README.md"
+  sed -n '/^mediautil snapshot/,/^```$/p' "$top/README.md" | sed -e '/^```/d' -e "s/5055/$port/g" \
+    -e 's/ &$/ >log \& until grep -q listening log; do sleep 0.1; done/'
+} >ten.sh
+PATH=${MEDIAUTIL%/*}:$PATH bash -euo pipefail ten.sh >words.txt 2>err.txt </dev/null || die 'the ten minutes'
+equal "$(size gate.jpg)" mjpeg,640,360
+equal "$(colour gate.jpg 100 50)" black
+equal "$(ffprobe -v error -count_packets -show_entries stream=nb_read_packets -of csv=p=0 gate.mp4)" 150
+equal "$(size gate.gif)" gif,640,360
+cmp gate.mp4 received/archive/gate/gate.mp4 || die 'the push brought something else'

@@ -102,3 +102,11 @@ for offset in 100 1000 2500; do
   head -c "$offset" late.ts >cut.ts
   "$MEDIAUTIL" -q snapshot cut.ts -o a.jpg --at 1 2>err.txt || case $? in 1 | 3) ;; *) die "cut at $offset: $?" ;; esac
 done
+
+# The example makes the same picture.
+if [ -n "${SNAPSHOT:-}" ]; then
+  ends 0 "$SNAPSHOT" b.mp4 example.jpg 00000000500000005000500000005000
+  equal "$(size example.jpg) $(colour example.jpg 40 20) $(colour example.jpg 200 120)" "mjpeg,320,180 black red"
+  ends 1 "$SNAPSHOT" sound.mp4 example.jpg
+  says "snapshot: sound.mp4: no picture; the log says why"
+fi

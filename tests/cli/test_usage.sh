@@ -28,7 +28,7 @@ says "a command is missing; see mediautil --help"
 
 must --version
 grep -qxE 'mediautil [0-9]+\.[0-9]+\.[0-9]+' out.txt || die "version"
-for command in '' probe snapshot thumbnail export g711 mp3 speak play push log-level; do
+for command in '' probe snapshot thumbnail jpeg crop gif export g711 mp3 speak play push mix log-level camera feed; do
   must ${command:+"$command"} --help
   [ "$(wc -l <out.txt)" -le 40 ] || die "help of '$command' is longer than 40 lines"
   [ "$(grep -c '^  mediautil ' out.txt)" = 2 ] || die "help of '$command' has not 2 examples"

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <CLI/CLI.hpp>
@@ -77,15 +78,6 @@ int WriteStdout(const char* data, std::size_t size) {
   return kDone;
 }
 
-// A slip in the text must not leave a region unpainted, so only whole corners made of digits pass.
-bool IsPrivacyText(const std::string& text) {
-  const std::vector<std::string> regions = String2StrVector(text, ";");
-  return std::all_of(regions.begin(), regions.end(), [](const std::string& region) {
-    return region.empty() || (region.size() % kCornerLength == 0 && region.size() >= kMinCorners * kCornerLength &&
-                              region.find_first_not_of("0123456789") == std::string::npos);
-  });
-}
-
 // As one line: no file name moves the cursor, or looks like a second message.
 void PrintMessage(std::string text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -145,6 +137,15 @@ std::string NearestName(const std::string& word, const std::vector<std::string>&
 std::string Suggestion(const std::string& word, const std::vector<std::string>& candidates, const std::string& hint) {
   const std::string nearest = NearestName(word, candidates);
   return nearest.empty() ? "; " + hint : "; did you mean " + nearest + "?";
+}
+
+int FindStateDir(const std::string& what, std::string& directory) {
+  const char* value = std::getenv("MEDIAUTIL_STATE_DIR");
+  directory = value == nullptr ? "" : value;
+  return directory.empty()
+             ? Fail(kFailed, "cannot reach " + what +
+                                 ": MEDIAUTIL_STATE_DIR is not set; set it to the state directory of " + "the server")
+             : kDone;
 }
 
 int CheckInput(const std::string& path) {
@@ -210,6 +211,14 @@ std::string JsonLine(const Json::Value& value) {
   return Json::writeString(builder, value) + "\n";
 }
 
+bool IsPrivacyText(const std::string& text) {
+  const std::vector<std::string> regions = String2StrVector(text, ";");
+  return std::all_of(regions.begin(), regions.end(), [](const std::string& region) {
+    return region.empty() || (region.size() % kCornerLength == 0 && region.size() >= kMinCorners * kCornerLength &&
+                              region.find_first_not_of("0123456789") == std::string::npos);
+  });
+}
+
 void AddPictureOptions(CLI::App& command, PictureArgs& args) {
   command.add_option("FILE", args.input, "recording to read")->required()->type_name("");
   command.add_option("-o,--output", args.output, "JPEG file to write, - for stdout")->required()->type_name("OUT");
@@ -229,8 +238,7 @@ int CheckPictureArgs(const PictureArgs& args) {
   }
   if (!IsPrivacyText(args.privacy)) {
     return Fail(kFailed, args.input + ": cannot paint the privacy regions: \"" + args.privacy +
-                             "\" is no region text; write 8 digits a corner, XXXXYYYY in 1/10000 of the picture, " +
-                             "3 corners or more a region, ; between regions");
+                             "\" is no region text; " + kPrivacyForm);
   }
   return CheckOutput(args.output, args.input, "picture");
 }

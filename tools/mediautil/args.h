@@ -28,13 +28,20 @@ using Action = std::function<int()>;
 void AddProbe(CLI::App& app, Action& action);
 void AddSnapshot(CLI::App& app, Action& action);
 void AddThumbnail(CLI::App& app, Action& action);
+void AddJpeg(CLI::App& app, Action& action);
+void AddCrop(CLI::App& app, Action& action);
+void AddLiveThumb(CLI::App& app, Action& action);
+void AddGif(CLI::App& app, Action& action);
 void AddExport(CLI::App& app, Action& action);
+void AddMix(CLI::App& app, Action& action);
 void AddG711(CLI::App& app, Action& action);
 void AddMp3(CLI::App& app, Action& action);
 void AddSpeak(CLI::App& app, Action& action);
 void AddPlay(CLI::App& app, Action& action);
 void AddPush(CLI::App& app, Action& action);
 void AddLogLevel(CLI::App& app, Action& action);
+void AddCamera(CLI::App& app, Action& action);
+void AddFeed(CLI::App& app, Action& action);
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Messages, all to stderr; control characters in them become "?"
@@ -59,6 +66,9 @@ std::string LowerCase(std::string text);
 // ---------------------------------------------------------------------------------------------------------------------
 // Files
 // ---------------------------------------------------------------------------------------------------------------------
+
+// Finds the directory of the server's state. kDone, or prints that what, such as "the cameras", cannot be reached.
+int FindStateDir(const std::string& what, std::string& directory);
 
 // kDone when the file can be read; otherwise prints why not.
 int CheckInput(const std::string& path);
@@ -89,6 +99,14 @@ struct PictureArgs {
   std::optional<double> at;  // seconds from the start of the stream
   std::string privacy;       // empty: nothing is hidden
 };
+
+// Whether a text describes regions to hide, or none. Only whole corners made of digits pass: a slip in the text must
+// not leave a region unpainted.
+bool IsPrivacyText(const std::string& text);
+
+// What a text of regions looks like, for messages.
+constexpr const char* kPrivacyForm =
+    "write 8 digits a corner, XXXXYYYY in 1/10000 of the picture, 3 corners or more a region, ; between regions";
 
 void AddPictureOptions(CLI::App& command, PictureArgs& args);
 

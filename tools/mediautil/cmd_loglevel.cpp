@@ -2,7 +2,6 @@
 #include <json/json.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 
@@ -13,7 +12,6 @@ namespace {
 
 constexpr int kSchema = 1;
 constexpr int kMaxLevel = LOG_LEVEL_TRACE;
-constexpr const char* kStateVariable = "MEDIAUTIL_STATE_DIR";
 
 struct LogLevelArgs {
   std::string category;
@@ -141,10 +139,9 @@ std::string JsonText(const DbgLogCfg* record, const std::string& directory) {
 }
 
 int LogLevel(const LogLevelArgs& args) {
-  const char* directory = std::getenv(kStateVariable);
-  if (directory == nullptr || *directory == '\0') {
-    return Fail(kFailed, std::string("cannot reach the log record: ") + kStateVariable +
-                             " is not set; set it to the state directory of the server");
+  std::string directory;
+  if (const int code = FindStateDir("the log record", directory); code != kDone) {
+    return code;
   }
   if (const int code = Change(args, directory); code != kDone) {
     return code;

@@ -1,15 +1,9 @@
 // mediautil snapshot: a key frame as JPEG.
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <memory>
 
 #include "tools/mediautil/args.h"
 #include "tools/mediautil/keyframe.h"
-#include "utils/mpeg4util.h"
-
-extern "C" {
-#include <libavutil/frame.h>
-}
 
 namespace {
 
@@ -26,26 +20,13 @@ int Snapshot(const SnapshotArgs& args) {
   if (const int code = FindKeyFrame(args.input, args.at, key); code != kDone) {
     return code;
   }
-  AVFrame* picture = nullptr;
-  if (DoFFMpegGetScaledFrame(key.videoType, key.extradata.data(), static_cast<int>(key.extradata.size()),
-                             key.data.data(), static_cast<int>(key.data.size()), &picture, args.maxSide) != 0) {
-    return Fail(kFailed, args.input + ": cannot decode the key frame" + KeyFrameText(key) + ": it is damaged, or " +
-                             "--max-side leaves nothing of it; try another --at");
+  Picture picture;
+  if (const int code = DecodeKeyFrame(args.input, key, args.maxSide, picture); code != kDone) {
+    return code;
   }
-  const std::string size = std::to_string(picture->width) + "x" + std::to_string(picture->height);
-  unsigned char* jpeg = nullptr;
-  int jpegSize = 0;
-  const int made = DoFFMpegGetJpeg(picture, &jpeg, &jpegSize, args.quality, args.privacy);
-  DoFFmpegFrameFree(&picture);
-  if (made != 0) {
-    return Fail(kFailed, args.input + ": cannot make the JPEG" +
-                             (args.privacy.empty() ? "" : " or paint the privacy regions") +
-                             ": try a lower --quality or --max-side");
-  }
-  const int code = WriteOutput(args.output, jpeg, static_cast<unsigned int>(jpegSize));
-  std::free(jpeg);
+  const int code = WriteJpeg(args, *picture, args.quality, args.privacy);
   if (code == kDone) {
-    Note(args.output + ": " + size + KeyFrameText(key));
+    Note(args.output + ": " + SizeText(*picture) + KeyFrameText(key));
   }
   return code;
 }

@@ -4,14 +4,18 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 #include "tools/mediautil/args.h"
+#include "tools/mediautil/camerainfo.h"
 #include "tools/mediautil/recording.h"
+#include "utils/mpeg4util.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
 #include <libavformat/avformat.h>
+#include <libavutil/frame.h>
 }
 
 namespace {
@@ -52,24 +56,13 @@ struct Search {
   }
 };
 
+}  // namespace
+
 int VideoType(int codecId) {
-  switch (codecId) {
-    case AV_CODEC_ID_MJPEG:
-      return 1;
-    case AV_CODEC_ID_MPEG4:
-      return 2;
-    case AV_CODEC_ID_H264:
-      return 3;
-    case AV_CODEC_ID_MXPEG:
-      return 5;
-    case AV_CODEC_ID_HEVC:
-      return 6;
-    default:
-      return 0;
-  }
+  return VideoTypeOf(avcodec_get_name(static_cast<AVCodecID>(codecId)));
 }
 
-int Open(const std::string& path, Recording& recording) {
+int OpenVideo(const std::string& path, Recording& recording) {
   if (const int code = OpenRecording(path, recording); code != kDone) {
     return code;
   }
@@ -84,11 +77,9 @@ int Open(const std::string& path, Recording& recording) {
   return kDone;
 }
 
-}  // namespace
-
 int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFrame& frame) {
   auto recording = std::make_unique<Recording>();
-  if (const int code = Open(path, *recording); code != kDone) {
+  if (const int code = OpenVideo(path, *recording); code != kDone) {
     return code;
   }
   Search search;
@@ -102,7 +93,7 @@ int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFr
     recording->demux.Demux(recording->video, recording->audio, &search, Search::Fetch);
     if (!search.found) {
       recording = std::make_unique<Recording>();
-      if (const int code = Open(path, *recording); code != kDone) {
+      if (const int code = OpenVideo(path, *recording); code != kDone) {
         return code;
       }
     }
@@ -114,7 +105,7 @@ int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFr
   if (!search.found) {
     // A damaged recording may have lost its marks, but it begins with a key frame all the same.
     recording = std::make_unique<Recording>();
-    if (const int code = Open(path, *recording); code != kDone) {
+    if (const int code = OpenVideo(path, *recording); code != kDone) {
       return code;
     }
     search.unmarked = true;
@@ -143,4 +134,38 @@ std::string KeyFrameText(const KeyFrame& frame) {
   char text[64];
   std::snprintf(text, sizeof(text), " (key frame at %.3f s)", *frame.seconds);
   return text;
+}
+
+void PictureDeleter::operator()(AVFrame* picture) const {
+  DoFFmpegFrameFree(&picture);
+}
+
+int DecodeKeyFrame(const std::string& path, const KeyFrame& frame, int maxSide, Picture& picture) {
+  AVFrame* decoded = nullptr;
+  const int ret =
+      DoFFMpegGetScaledFrame(frame.videoType, frame.extradata.data(), static_cast<int>(frame.extradata.size()),
+                             frame.data.data(), static_cast<int>(frame.data.size()), &decoded, maxSide);
+  picture.reset(decoded);
+  return ret == 0
+             ? kDone
+             : Fail(kFailed, path + ": cannot decode the key frame" + KeyFrameText(frame) + ": it is damaged" +
+                                 (maxSide > 0 ? ", or --max-side leaves nothing of it" : "") + "; try another --at");
+}
+
+int WriteJpeg(const PictureArgs& args, AVFrame& picture, int quality, const std::string& privacyRegion,
+              const std::string& advice) {
+  unsigned char* jpeg = nullptr;
+  int size = 0;
+  if (DoFFMpegGetJpeg(&picture, &jpeg, &size, quality, privacyRegion) != 0) {
+    return Fail(kFailed, args.input + ": cannot make the JPEG" +
+                             (privacyRegion.empty() ? "" : " or paint the privacy regions") + ": too many details; " +
+                             advice);
+  }
+  const int code = WriteOutput(args.output, jpeg, static_cast<unsigned int>(size));
+  std::free(jpeg);
+  return code;
+}
+
+std::string SizeText(const AVFrame& picture) {
+  return std::to_string(picture.width) + "x" + std::to_string(picture.height);
 }

@@ -5,31 +5,30 @@
 #include <new>
 
 #include "platform/log.h"
-#include "tools/mediautil/args.h"
+#include "tools/mediautil/program.h"
 
 namespace {
 
-struct LogArgs {
-  bool quiet = false;
-  int verbose = 0;
-};
+constexpr int kSilent = 0;
 
-void AddLogOptions(CLI::App& command, LogArgs& args) {
-  command.add_flag("-q,--quiet", args.quiet, "print only the program's own errors");
-  command.add_flag("-v,--verbose", args.verbose, "log more; twice: everything");
+// The threshold without -q and -v. What a push warns of, such as a server that is not verified, is for the operator;
+// the mixer tells of every frame as an error.
+int UsualLevel(const CLI::App& app) {
+  return app.got_subcommand("push") ? LOG_LEVEL_WARN : app.got_subcommand("mix") ? kSilent : LOG_LEVEL_ERR;
 }
 
-// Without a shared record, or when the user asks for more or less, the library follows a record of this process.
-// usual: its threshold without -q and -v.
-void SetUpLog(const LogArgs& args, LOG_LEVEL usual) {
-  const int levels[] = {usual, LOG_LEVEL_NOTE, LOG_LEVEL_TRACE};
+// Without a shared record, when the user asks for more or less, and when nothing may be logged, the library follows a
+// record of this process.
+void SetUpLog(const LogArgs& args, int usual) {
+  const int levels[] = {args.quiet ? kSilent : usual, LOG_LEVEL_NOTE, LOG_LEVEL_TRACE};
+  const int level = levels[std::min(args.verbose, 2)];
   SetQuiet(args.quiet);
   ReinitDbgLogCfg();
-  if (g_pDbgLogCfg != nullptr && !args.quiet && args.verbose == 0) {
+  if (g_pDbgLogCfg != nullptr && level != kSilent && args.verbose == 0) {
     return;
   }
   static DbgLogCfg own = {};
-  std::fill(std::begin(own.categLevel), std::end(own.categLevel), args.quiet ? 0 : levels[std::min(args.verbose, 2)]);
+  std::fill(std::begin(own.categLevel), std::end(own.categLevel), level);
   g_pDbgLogCfg = &own;
 }
 
@@ -75,30 +74,10 @@ int FailUsage(const CLI::App& app, const CLI::ParseError& error) {
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app("Pictures, sound, exports and pushes of the recordings of a network video recorder.", "mediautil");
+  CLI::App app;
   LogArgs log;
   Action action;
-  AddProbe(app, action);
-  AddSnapshot(app, action);
-  AddThumbnail(app, action);
-  AddExport(app, action);
-  AddG711(app, action);
-  AddMp3(app, action);
-  AddSpeak(app, action);
-  AddPlay(app, action);
-  AddPush(app, action);
-  AddLogLevel(app, action);
-  AddLogOptions(app, log);
-  for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-    AddLogOptions(*command, log);
-    command->get_formatter()->column_width(29);
-  }
-  app.set_version_flag("--version", "mediautil " MEDIAUTIL_VERSION);
-  app.require_subcommand(1);
-  app.footer(
-      "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 input unreadable or not media, 4 refused by the remote,\n"
-      "5 not logged in, 130 interrupted.\n\n"
-      "Examples:\n  mediautil probe gate.mp4\n  mediautil snapshot gate.mp4 -o gate.jpg --at 12.5");
+  DefineProgram(app, action, log);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -111,8 +90,7 @@ int Run(int argc, char** argv) {
   if (log.quiet && log.verbose > 0) {
     return Fail(kUsage, "-q and -v exclude each other; leave one of them out");
   }
-  // What a push warns of, such as a server that is not verified, is for the operator.
-  SetUpLog(log, app.got_subcommand("push") ? LOG_LEVEL_WARN : LOG_LEVEL_ERR);
+  SetUpLog(log, UsualLevel(app));
   return action();
 }
 

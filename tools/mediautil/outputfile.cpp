@@ -35,20 +35,18 @@ int OutputFile::Open() {
     m_fd = STDOUT_FILENO;
     return kDone;
   }
-  struct stat old = {};
-  const bool keepsMode = stat(m_output.c_str(), &old) == 0;
-  const std::string temporary = DirectoryOf(m_output) + "/.export-" + std::to_string(getpid());
+  if (struct stat old = {}; stat(m_output.c_str(), &old) == 0) {
+    m_mode = old.st_mode & 0777;
+  }
+  const std::string temporary = DirectoryOf(m_output) + "/.export-" + std::to_string(getpid()) + m_ending;
   unlink(temporary.c_str());  // of a process that was killed and had the same number
-  m_fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  // Whoever writes may open it again, and nobody reads in it what he could not read before.
+  m_fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, m_mode ? 0600 : 0666);
   if (m_fd < 0) {
     m_error = errno;
     return FailWrite();
   }
   m_temporary = temporary;
-  if (keepsMode && fchmod(m_fd, old.st_mode & 0777) != 0) {
-    m_error = errno;
-    return FailWrite();
-  }
   return kDone;
 }
 
@@ -90,7 +88,8 @@ int OutputFile::Commit() {
   if (m_temporary.empty()) {
     return kDone;
   }
-  if (fsync(m_fd) != 0 || std::rename(m_temporary.c_str(), m_output.c_str()) != 0) {
+  if ((m_mode && fchmod(m_fd, *m_mode) != 0) || fsync(m_fd) != 0 ||
+      std::rename(m_temporary.c_str(), m_output.c_str()) != 0) {
     m_error = errno;
     return FailWrite();
   }

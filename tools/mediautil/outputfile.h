@@ -1,14 +1,18 @@
 // The output of a command whose result does not fit into memory.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 
 // A file that takes its name, and an older file's place, when it is complete; or stdout for "-".
 class OutputFile {
  public:
-  // what: what messages call it, such as a "recording".
-  OutputFile(const std::string& output, const std::string& what) : m_output(output), m_what(what) {}
+  // what: what messages call it, such as a "recording". ending: of Path, for somebody who goes by that.
+  OutputFile(const std::string& output, const std::string& what, const std::string& ending = "")
+      : m_output(output), m_what(what), m_ending(ending) {}
   // Removes what was not committed.
   ~OutputFile();
   OutputFile(const OutputFile&) = delete;
@@ -41,7 +45,9 @@ class OutputFile {
 
   std::string m_output;
   std::string m_what;
+  std::string m_ending;
   std::string m_temporary;
+  std::optional<mode_t> m_mode;  // of the file that it replaces
   int m_fd = -1;
   int m_error = 0;
   std::int64_t m_size = 0;

@@ -20,9 +20,8 @@ constexpr const char* kPlainFlag = "true";  // what the parser stores for a flag
 
 void AddProgressOption(CLI::App& command, std::string& option) {
   command.add_flag("--progress", option, "even with -q on a terminal; =json: JSON lines, always")
-      ->check([](const std::string& form) {
-        return form == kPlainFlag || form == "json" ? "" : "not a form of progress: " + form;
-      });
+      ->check(
+          [](const std::string& form) { return form == kPlainFlag || form == "json" ? "" : form + " not in {json}"; });
 }
 
 ProgressForm ChooseProgress(const std::string& option) {
