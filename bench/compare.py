@@ -25,6 +25,8 @@ RATIO_GOALS = (
     (r"mux/copy", 1.28),
     (r"mux/encode", 1.10),
     (r"demux/loop", 1.05),
+    (r"mix/pcm", 1.06),
+    (r"gif/30x640x360", 1.03),
     (r"g711/mp3|mp3/encode", 1.05),
     (r"speak/(aac|mp3)", 1.05),
     (r"speak/(g726|g722)", 1.08),
@@ -162,6 +164,20 @@ def snapshot_commands(tool, source, out):
     return commands
 
 
+def mix_commands(tool, sources, out):
+    """Three files of five minutes to PCM, every one at its own level."""
+    inputs = [part for source in sources for part in ("-i", source)]
+    one_thread = [part for source in sources for part in ("-threads", "1", "-i", source)]
+    chain = f"amix=inputs={len(sources)}:dropout_transition=2147483647,volume={len(sources)}"
+    quiet = ["ffmpeg", "-v", "error", "-nostdin", "-y"]
+    result = ["-filter_complex", chain, "-c:a", "pcm_s16le", out]
+    return {
+        "mediautil": [tool, "-q", "mix", *sources, "-o", out],
+        "ffmpeg amix": [*quiet, *inputs, *result],
+        "ffmpeg amix, 1 thread": [*quiet, "-filter_complex_threads", "1", *one_thread, *result],
+    }
+
+
 def g711_commands(tool, source, out):
     """Ten minutes of MP3 to a mu-law WAV file."""
     return {
@@ -180,6 +196,38 @@ def mp3_commands(tool, source, out):
                    "libmp3lame", "-b:a", "32k", out],
         "lame": ["lame", "--quiet", "--mp3input", "-m", "m", "-a", "--resample", "32", "-b", "32", source, out],
     }
+
+
+def jpeg_commands(tool, source, out):
+    """A stored frame out of the middle of ten minutes of Motion JPEG."""
+    return {
+        "mediautil": [tool, "-q", "jpeg", source, "--at", "300000", "-o", out],
+        "ffmpeg": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-ss", "300", "-i", source, "-c", "copy", "-frames:v", "1",
+                   out],
+    }
+
+
+def make_jpeg_recording(file):
+    run(["ffmpeg", "-v", "error", "-nostdin", "-f", "lavfi", "-i", "testsrc2=size=640x360:rate=10:duration=600", "-c:v",
+         "mjpeg", "-q:v", "5", file])
+
+
+def gif_commands(tool, source, out):
+    """Thirty key frames as a GIF; convert gets them as JPEGs, and chooses its colours frame by frame."""
+    colours = "setpts=0.5*N/TB,split[a][b];[a]palettegen[p];[b][p]paletteuse"
+    return {
+        "mediautil": [tool, "-q", "gif", source, "--delay", "500", "-o", out],
+        "ffmpeg": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-skip_frame", "nokey", "-i", source, "-filter_complex",
+                   colours, out],
+        "convert": ["convert", "-delay", "50", *sorted(source.parent.glob("gifframe*.jpg")), out],
+    }
+
+
+def make_gif_recording(file):
+    run(["ffmpeg", "-v", "error", "-nostdin", "-f", "lavfi", "-i", "testsrc2=size=640x360:rate=10:duration=30", "-c:v",
+         "libx264", "-g", "10", "-sc_threshold", "0", file])
+    run(["ffmpeg", "-v", "error", "-nostdin", "-skip_frame", "nokey", "-i", file, "-fps_mode", "passthrough", "-q:v",
+         "2", file.parent / "gifframe%02d.jpg"])
 
 
 def run_measured(command):
@@ -231,12 +279,19 @@ def process_jobs(tool, inputs, only):
     """The tables of the section: titles and jobs. Those whose name does not match are left out."""
     keys = [inputs / name for name in ("key.h264", "key.hevc", "key.jpg")]
     music = inputs / "music.mp3"
+    sounds = [inputs / name for name in ("mix1.m4a", "mix2.mp3", "mix3.m4a")]
     tables = (
         ("Snapshot to 320 pixels as a process of its own",
          [(key.name, snapshot_commands(tool, key, inputs / "out.jpg"), inputs / "out.jpg") for key in keys]),
         ("Ten minutes of 44.1 kHz stereo MP3 as a process of its own",
          [("g711", g711_commands(tool, music, inputs / "out.wav"), inputs / "out.wav"),
           ("mp3", mp3_commands(tool, music, inputs / "out.mp3"), inputs / "out.mp3")]),
+        ("Three sounds of five minutes as one, to PCM, as a process of its own",
+         [("mix", mix_commands(tool, sounds, inputs / "mix.wav"), inputs / "mix.wav")]),
+        ("A frame of ten minutes of Motion JPEG as a process of its own",
+         [("jpeg", jpeg_commands(tool, inputs / "stored.avi", inputs / "out.jpg"), inputs / "out.jpg")]),
+        ("Thirty key frames of 640x360 to a GIF as a process of its own",
+         [("gif", gif_commands(tool, inputs / "keys.mp4", inputs / "out.gif"), inputs / "out.gif")]),
     )
     for title, jobs in tables:
         wanted = [job for job in jobs if re.search(only, job[0])]
@@ -324,11 +379,14 @@ def compare_with_floor(arguments, inputs):
     """The names that exceed their goal."""
     pictures = arguments.bin / "mediautil_bench"
     containers = arguments.bin / "mediautil_bench_container"
+    mixes = arguments.bin / "mediautil_bench_mix"
     sound = arguments.bin / "mediautil_bench_audio"
+    stills = arguments.bin / "mediautil_bench_stills"
     log_calls = arguments.bin / "mediautil_bench_log"
-    for program in (pictures, containers, sound):
+    media = (pictures, containers, sound, mixes)
+    for program in media:
         run([program, "--make-inputs", inputs])
-    programs = [*([program, "--inputs", inputs] for program in (pictures, containers, sound)), [log_calls]]
+    programs = [*([program, "--inputs", inputs] for program in media), [stills], [log_calls]]
     for program in programs:
         run([*program, "--check"])
 
@@ -345,6 +403,10 @@ def compare_with_floor(arguments, inputs):
     if "time" in arguments.sections:
         time_in_turn(workloads, arguments.rounds)
     if "process" in arguments.sections:
+        if re.search(arguments.only, "jpeg") and shutil.which("ffmpeg"):
+            make_jpeg_recording(inputs / "stored.avi")
+        if re.search(arguments.only, "gif") and shutil.which("ffmpeg"):
+            make_gif_recording(inputs / "keys.mp4")
         for title, jobs in process_jobs(arguments.bin / "mediautil", inputs, arguments.only):
             compare_processes(title, jobs, arguments.rounds)
     return above
@@ -352,7 +414,7 @@ def compare_with_floor(arguments, inputs):
 
 def compare(arguments, folder):
     for name in ("mediautil_bench", "mediautil_bench_audio", "mediautil_bench_container", "mediautil_bench_log",
-                 "mediautil_bench_upload"):
+                 "mediautil_bench_mix", "mediautil_bench_stills", "mediautil_bench_upload"):
         if not (arguments.bin / name).is_file():
             raise Failure(f"{arguments.bin / name} is missing: build with -DMEDIAUTIL_BENCH=ON, or name its folder "
                           "with --bin")

@@ -1,4 +1,4 @@
-// A place for a program's own files.
+// Places for a program's own files.
 #pragma once
 
 #include <unistd.h>
@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace bench {
 
@@ -24,6 +25,27 @@ class TempFile {
   ~TempFile() { std::remove(m_path.c_str()); }
   TempFile(const TempFile&) = delete;
   TempFile& operator=(const TempFile&) = delete;
+
+  const std::string& Path() const { return m_path; }
+
+ private:
+  std::string m_path;
+};
+
+// A folder in the system's temporary one, gone with the object and all that is in it.
+class TempFolder {
+ public:
+  TempFolder() : m_path((std::filesystem::temp_directory_path() / "mediautil-bench-XXXXXX").string()) {
+    if (mkdtemp(m_path.data()) == nullptr) {
+      throw std::runtime_error("making a temporary folder failed");
+    }
+  }
+  ~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
 
   const std::string& Path() const { return m_path; }
 
