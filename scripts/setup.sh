@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing of the Debian packages: setup.sh [demo|test|browser]. demo builds and runs the program; test,
-# the default, adds what the tests, the benchmarks and the checks need; browser adds Chromium to that. Touches
-# nothing when nothing is missing.
+# Installs what is missing of the Debian packages: setup.sh [demo|test|browser|tree|tree-host]. demo builds and runs the
+# program; test, the default, adds what the tests, the benchmarks and the checks need; browser adds Chromium to that;
+# tree is what the tests need in a Debian tree of another kind, tree-host what makes such a tree. Touches nothing when
+# nothing is missing.
 set -euo pipefail
 
 demo_packages=(
@@ -10,17 +11,20 @@ demo_packages=(
   libcli11-dev libcurl4-openssl-dev libjpeg-dev libjsoncpp-dev libsqlite3-dev libssl-dev
 )
 test_packages=(
-  libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-14-dev valgrind shellcheck python3
-  libcpp-httplib-dev
+  libgtest-dev libbenchmark-dev clang clang-format clang-tidy cppcheck libclang-rt-14-dev valgrind shellcheck python3
+  libcpp-httplib-dev doxygen dpkg-dev file groff-base lintian
 )
 browser_packages=(chromium)
+tree_packages=(libgtest-dev valgrind python3 libcpp-httplib-dev)
 
 case ${1:-test} in
   demo) packages=("${demo_packages[@]}") ;;
   test) packages=("${demo_packages[@]}" "${test_packages[@]}") ;;
   browser) packages=("${demo_packages[@]}" "${test_packages[@]}" "${browser_packages[@]}") ;;
+  tree) packages=("${demo_packages[@]}" "${tree_packages[@]}") ;;
+  tree-host) packages=(debootstrap) ;;
   *)
-    echo "usage: setup.sh [demo|test|browser]" >&2
+    echo "usage: setup.sh [demo|test|browser|tree|tree-host]" >&2
     exit 2
     ;;
 esac
