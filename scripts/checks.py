@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
-"""The rules of the house as tests: checks.py tree | headers | symbols LIBRARY [--update]. Exit 1 names each breach."""
+"""The rules of the house as tests. Exit 1 names each breach.
+
+checks.py tree | headers | documents | snippets | symbols LIBRARY [--update]
+"""
+import ast
 import pathlib
 import re
 import subprocess
 import sys
-import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PUBLIC = ('archiving', 'utils')
@@ -31,6 +34,9 @@ LAYERS = {
 LOCKED_CALLS = re.compile(r'\b(avcodec_open2|avcodec_close|avcodec_free_context|avformat_free_context|'
                           r'avcodec_register_all|avfilter_register_all|av_register_all)\s*\(')
 LOCK_HOLDERS = {'utils/mpeg4util.cpp', 'utils/internal/ffcompat.cpp'}
+
+FENCE = re.compile(r'^```(\w*)\n(.*?)^```', flags=re.M | re.S)
+FORMAT_ARGUMENT = {'VY_LOG': 1, 'VY_FAIL_IF': 3, 'VyPrintf': 6}
 
 
 def sources(*folders):
@@ -94,23 +100,123 @@ def jsoncpp_flags():
     return [flag.replace('-I', '-isystem', 1) for flag in run.stdout.split()]
 
 
+def public_headers(*folders):
+    for path, name in sources(*folders):
+        if path.suffix == '.h' and '/internal/' not in name and '/local/' not in name:
+            yield path, name
+
+
+def compile_errors(compiler, code, *flags):
+    """What the compiler says to a source of its own; empty when all is well."""
+    command = [compiler, '-fsyntax-only', '-Wall', '-Wextra', '-Wshadow', '-Wconversion', '-Werror', *flags,
+               f'-I{ROOT}', *jsoncpp_flags(), '-x', 'c++', '-']
+    run = subprocess.run(command, input=code, capture_output=True, text=True)
+    return run.stderr if run.returncode != 0 else ''
+
+
 def check_headers():
-    """Each public header compiles alone, warning-free, with every compiler that is here."""
-    flags = ['-std=c++17', '-fsyntax-only', '-Wall', '-Wextra', '-Wpedantic', '-Wshadow', '-Wconversion', '-Werror',
-             f'-I{ROOT}', *jsoncpp_flags(), '-x', 'c++']
+    """Each public header compiles alone, warning-free, as C++17 and C++20, with every compiler that is here."""
     for compiler in ('g++', 'clang++'):
         if subprocess.run(['which', compiler], capture_output=True).returncode != 0:
             print(f'{compiler} is not here, skipped')
             continue
-        for path, name in sources('platform', *PUBLIC):
-            if path.suffix != '.h' or '/internal/' in name or '/local/' in name:
-                continue
-            with tempfile.NamedTemporaryFile('w', suffix='.cpp') as alone:
-                alone.write(f'#include "{name}"\n')
-                alone.flush()
-                run = subprocess.run([compiler, *flags, alone.name], capture_output=True, text=True)
-            if run.returncode != 0:
-                yield f'{name} with {compiler}:\n{run.stderr}'
+        for _, name in public_headers('platform', *PUBLIC):
+            for standard in ('-std=c++17', '-std=c++20'):
+                errors = compile_errors(compiler, f'#include "{name}"\n', '-Wpedantic', standard)
+                if errors:
+                    yield f'{name} with {compiler} {standard}:\n{errors}'
+
+
+def documents():
+    """Every page with its name; fenced code apart, for it is not prose."""
+    folders = [path for path in ROOT.iterdir() if path.is_dir() and path.name not in ('.git', 'build', 'demo')]
+    for path in sorted([*ROOT.glob('*.md'), *(page for folder in folders for page in folder.rglob('*.md'))]):
+        text = path.read_text()
+        codes = [code for language, code in FENCE.findall(text) if language == 'cpp']
+        yield path, path.relative_to(ROOT).as_posix(), FENCE.sub('', text), codes
+
+
+def arguments(text):
+    """The arguments of the call whose opening parenthesis stands before text."""
+    depth, start = 0, 0
+    for token in re.finditer(r'"(?:\\.|[^"\\])*"|\'(?:\\.|[^\'\\])*\'|[()\[\]{},]', text):
+        if token.group() in '([{':
+            depth += 1
+        elif token.group() in ')]}':
+            depth -= 1
+        if depth < 0 or (token.group() == ',' and depth == 0):
+            yield text[start:token.start()]
+            start = token.end()
+        if depth < 0:
+            return
+
+
+def messages(source):
+    """The texts that a source logs, white space as in a line of prose."""
+    text = source.read_text()
+    for call in re.finditer(r'\b(VY_LOG|VY_FAIL_IF|VyPrintf)\s*\(', text):
+        behind = list(arguments(text[call.end():]))[FORMAT_ARGUMENT[call.group(1)]:]
+        formats = next((argument for argument in behind if '"' in argument), '')
+        for literals in re.findall(r'(?:"(?:\\.|[^"\\])*"\s*)+', formats):
+            yield ' '.join(ast.literal_eval(f'({literals})').split())
+
+
+def check_messages():
+    """Each message that may be logged is explained under its source, and nothing else is."""
+    pages = re.split(r'^## ', (ROOT / 'docs/troubleshooting.md').read_text(), flags=re.M)
+    sections = {page.split('\n', 1)[0]: page for page in pages[1:]}
+    for source in sorted(LOG_SOURCES):
+        path = ROOT / f'{source}.cpp'
+        logged = set(messages(path)) if path.exists() else set()
+        rows = re.findall(r'^\| (`.*?) \| ', sections.get(source, ''), flags=re.M)
+        explained = {text for row in rows for text in re.findall(r'`([^`]+)`', row)}
+        yield from (f'docs/troubleshooting.md: {source} lacks `{text}`' for text in sorted(logged - explained))
+        yield from (f'docs/troubleshooting.md: {source} never logs `{text}`' for text in sorted(explained - logged))
+
+
+def check_links():
+    headings = {path: {re.sub(r'[^\w\- ]', '', line.lower()).replace(' ', '-')
+                       for line in re.findall(r'^#+ (.*)', text, flags=re.M)} for path, _, text, _ in documents()}
+    for path, name, text, _ in documents():
+        for link in re.findall(r'\]\(([^)\s]+)\)', text):
+            file, _, anchor = link.partition('#')
+            target = (path.parent / file).resolve() if file else path
+            if '://' not in link and (not target.exists() or (anchor and anchor not in headings.get(target, ()))):
+                yield f'{name}: {link} leads nowhere'
+
+
+def check_uses():
+    """Each public function has its use in the README or on a page of docs/reference."""
+    pages = ('README', 'docs/reference/')
+    reference = ' '.join(code for _, name, _, codes in documents() for code in codes if name.startswith(pages))
+    for path, name in public_headers(*PUBLIC):
+        code = re.sub(r'//.*', '', path.read_text())
+        code = re.sub(r'\n (?:private|protected):.*?\n};', '\n};', code, flags=re.S)
+        for function in sorted(set(re.findall(r'[\w&*>] [*&]?([A-Z]\w+)(?:<\w+>)?\(', code))):
+            if not re.search(rf'\b{function}\b', reference):
+                yield f'{name}: no page of docs/reference uses {function}'
+
+
+def check_version():
+    project = re.search(r'project\(mediautil VERSION ([\d.]+)', (ROOT / 'CMakeLists.txt').read_text()).group(1)
+    newest = re.search(r'^## ([\d.]+)', (ROOT / 'CHANGELOG.md').read_text(), flags=re.M).group(1)
+    if project != newest:
+        yield f'CMakeLists.txt: version {project}, but CHANGELOG.md begins with {newest}'
+
+
+def check_documents():
+    for check in (check_messages, check_links, check_uses, check_version):
+        yield from check()
+
+
+def check_snippets():
+    """Each piece of C++ on a page that is a whole one compiles."""
+    for _, name, _, codes in documents():
+        for code in codes:
+            if code.startswith('#include'):
+                errors = compile_errors('g++', code, '-std=c++17')
+                if errors:
+                    yield f'{name}:\n{errors}'
 
 
 def check_symbols(library, update):
@@ -126,18 +232,22 @@ def check_symbols(library, update):
     yield from (f'listed but not exported: {name}' for name in sorted(expected - names))
 
 
-def main(arguments):
-    if arguments[:1] == ['tree']:
+def main(words):
+    if words[:1] == ['tree']:
         breaches = check_tree()
-    elif arguments[:1] == ['headers']:
+    elif words[:1] == ['headers']:
         breaches = check_headers()
-    elif arguments[:1] == ['symbols'] and len(arguments) > 1:
-        breaches = check_symbols(arguments[1], '--update' in arguments)
+    elif words[:1] == ['documents']:
+        breaches = check_documents()
+    elif words[:1] == ['snippets']:
+        breaches = check_snippets()
+    elif words[:1] == ['symbols'] and len(words) > 1:
+        breaches = check_symbols(words[1], '--update' in words)
     else:
         print(__doc__, file=sys.stderr)
         return 2
     breaches = list(breaches)
-    print('\n'.join(breaches) or f'checks {arguments[0]}: no breach')
+    print('\n'.join(breaches) or f'checks {words[0]}: no breach')
     return 1 if breaches else 0
 
 

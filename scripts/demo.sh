@@ -79,9 +79,47 @@ picture_section() {
   shift 3
   heading "$title" "$text" "$@" -o "$file"
   "$program" -q "$@" -o "$file"
-  printf '<img alt="%s" src="data:image/jpeg;base64,%s">\n<p>%s, %s bytes</p>\n' "$title" "$(base64 -w 0 "$file")" \
+  printf '<img alt="%s" src="data:image/%s;base64,%s">\n<p>%s, %s bytes</p>\n' "$title" \
+    "$(case $file in *.gif) echo gif ;; *) echo jpeg ;; esac)" "$(base64 -w 0 "$file")" \
     "$(ffprobe -v error -select_streams v:0 -show_entries stream=width,height -of csv=p=0:s=x "$file")" \
     "$(stat -c %s "$file")" >>"$page"
+}
+
+# still_sections RECORDING: a part of a picture, an animation, a JPEG as a camera stored it.
+still_sections() {
+  local width height
+  IFS=x read -r width height < <(ffprobe -v error -select_streams v:0 -show_entries stream=width,height \
+    -of csv=p=0:s=x "$1")
+  picture_section "Cropped picture" "The middle of the first key frame." cropped.jpg \
+    crop "$1" --rect "$((width / 4)),$((height / 4)),$((width / 2)),$((height / 2))"
+  picture_section "Animated GIF" "The key frames, half a second each." keys.gif gif "$1" --delay 500 --max-frames 10
+  ffmpeg -v error -i "$1" -t 2 -an -c:v mjpeg -q:v 5 stored.avi
+  picture_section "Stored JPEG" "One frame of a Motion JPEG file, not decoded: the bytes that stand in it." stored.jpg \
+    jpeg stored.avi --at 1000
+}
+
+# live_section RECORDING: its thumbnail while it is fed into shared memory as a camera's live stream.
+live_section() {
+  local codec words feeder cache=/var/packages/Korvane/target/@kestrel/@SharedThumb/9001.0
+  export MEDIAUTIL_STATE_DIR=$PWD/state
+  codec=$(ffprobe -v error -select_streams v:0 -show_entries stream=codec_name -of default=nk=1:nw=1 "$1")
+  heading "Live thumbnail" "The recording is fed as the live stream of camera 9001 meanwhile: mediautil feed." \
+    live-thumb --camera 9001 -o live.jpg
+  if words=$("$program" camera add 9001 --codec "$codec" 2>&1); then
+    "$program" -q feed "$1" --camera 9001 --loop &
+    feeder=$!
+    for _ in 1 2 3 4 5 6 7 8 9 10; do
+      sleep 0.5
+      words=$("$program" live-thumb --camera 9001 -o live.jpg 2>&1) && break
+    done
+    kill "$feeder" || true
+    wait "$feeder" || true
+    rm -f "$cache" "$cache.lock"
+  fi
+  if [ -f live.jpg ]; then
+    printf '<img alt="Live thumbnail" src="data:image/jpeg;base64,%s">\n' "$(base64 -w 0 live.jpg)" >>"$page"
+  fi
+  printf '<p>%s</p>\n' "$(printf %s "${words##*$'\n'}" | escape)" >>"$page"
 }
 
 # video_section TITLE TEXT FILE ARGUMENT...: plays the MP4 that the program writes, or tells why there is none.
@@ -118,6 +156,14 @@ sound_sections() {
   sound_section "Sound for a camera" "AAC of 16000 Hz as it goes to a camera that talks." camera.aac \
     speak "$1" --codec aac -o camera.aac
   sound_section "Sound as a small MP3" "Mono, 32 kbit/s." voice.mp3 mp3 "$1" voice.mp3
+}
+
+# mix_section RECORDING: its sound with a gong over it.
+mix_section() {
+  ffmpeg -v error -f lavfi -i \
+    'aevalsrc=0.15*(sin(2*PI*659*t)*exp(-3*t)+gte(t\,0.7)*sin(2*PI*523*t)*exp(-3*(t-0.7))):s=44100:d=2.5' gong.wav
+  sound_section "Mixed sound" "The recording with a gong over it, each at its own level." mixed.m4a \
+    mix "$1" gong.wav -o mixed.m4a
 }
 
 # push_section TITLE TEXT ARGUMENT...: shows what the program says and what then stands in the receiver's store.
@@ -195,8 +241,11 @@ picture_section "Masked snapshot" "Two privacy regions: the upper left quarter a
   masked.jpg snapshot "$name" --privacy '00000000500000005000500000005000;999949999999999940009999'
 picture_section "Event thumbnail" "The size that event lists show." thumbnail.jpg thumbnail "$name"
 picture_section "Event preview" "Twice that size." preview.jpg thumbnail "$name" --preview
+still_sections "$name"
+live_section "$name"
 video_section "Export" "The recording as fragmented MP4; its video is copied as it is." export.mp4 export "$name"
 sound_sections "$name"
+mix_section "$name"
 
 start_receiver
 remote=(--host 127.0.0.1 --port "$port" --account admin)
