@@ -23,16 +23,21 @@ if [ "$(id -u)" != 0 ]; then
   exec sudo "${BASH_SOURCE[0]}" "$name" "$suite" "$arch" "$@"
 fi
 
-# in_tree COMMAND...: as root of the tree, with this source folder as /src. The mounts end with the command.
+# in_tree COMMAND...: as root of the tree, with this source folder as /src. The mounts end with the command. The tree is
+# the root of a mount namespace: tests leave theirs for it again, which would end a chroot.
 in_tree() {
   # shellcheck disable=SC2016 # for the shell behind unshare
   unshare --mount --propagation private "${personality[@]}" bash -euc '
     tree=$1
+    mount --bind "$tree" "$tree"
     mount --bind "$PWD" "$tree/src"
     mount -t proc proc "$tree/proc" 2>/dev/null || mount --rbind /proc "$tree/proc"
     mount --rbind /dev "$tree/dev"
     shift
-    exec chroot "$tree" env -i HOME=/root LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"' in_tree "$tree" "$@"
+    cd "$tree"
+    pivot_root . .
+    umount -l .
+    exec env -i HOME=/root LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"' in_tree "$tree" "$@"
 }
 
 mkdir -p build
