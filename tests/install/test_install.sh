@@ -29,7 +29,7 @@ equal "$(grep -rlaF -e "$BUILD" -e "$SOURCE" "$prefix" || true)" '' 'files with 
 equal "$(find "$prefix/include" -mindepth 2 | grep -E '/internal|/local|\.cpp' || true)" '' 'private files'
 
 # --- a consumer through CMake ---
-clean "$CMAKE" -S "$consumer" -B through_cmake -DCMAKE_PREFIX_PATH="$prefix" -DWANTED="$VERSION" \
+clean "$CMAKE" -G Ninja -S "$consumer" -B through_cmake -DCMAKE_PREFIX_PATH="$prefix" -DWANTED="$VERSION" \
   -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="${CXXFLAGS:-}" -DCMAKE_LIBRARY_ARCHITECTURE="${ARCH:-}" >log 2>&1 ||
   die "a consumer through CMake, configured: $(cat log)"
 clean "$CMAKE" --build through_cmake >log 2>&1 || die "a consumer through CMake: $(cat log)"
