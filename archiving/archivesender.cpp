@@ -401,6 +401,14 @@ int WebapiSender::SendDir(const std::string& srcDir, bool flag, const std::strin
 // Directories of the remote
 // ---------------------------------------------------------------------------------------------------------------------
 
+int WebapiSender::PostAboutDirs(const std::string& body) {
+  Answer answer;
+  const int status = Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, answer);
+  m_iErrorCode = answer.code;
+  m_blAcknowledged = status >= 0 && answer.acknowledged;
+  return status;
+}
+
 int WebapiSender::CreateRemoteDir(const std::list<std::string>& dirs, const std::string& rootDir, bool overwrite) try {
   Json::Value request = GetJsonAPIInfo(kPushApi, "CreateDirs", 1);
   request["dirList"] = Join(dirs);
@@ -408,12 +416,8 @@ int WebapiSender::CreateRemoteDir(const std::list<std::string>& dirs, const std:
   request["overwrite"] = overwrite;
   const std::string body = Render(std::move(request), m_strSid, m_strHostAuthContent);
   VY_LOG(LOG_LEVEL_INFO, "Msg = %s\n", body.c_str());
-  Answer answer;
-  const int status = Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, answer);
-  m_iErrorCode = answer.code;
-  m_blAcknowledged = status >= 0 && answer.acknowledged;
-  VY_FAIL_IF(status < 0, -1, LOG_LEVEL_ERR, "CreateRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort,
-             body.c_str(), m_strHostCookie.c_str());
+  VY_FAIL_IF(PostAboutDirs(body) < 0, -1, LOG_LEVEL_ERR, "CreateRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(),
+             m_iPort, body.c_str(), m_strHostCookie.c_str());
   return 0;
 } catch (const std::exception&) {
   return -1;
@@ -425,12 +429,8 @@ int WebapiSender::MoveRemoteDir(const std::string& fromDir, const std::string& t
   request["toDir"] = toDir;
   const std::string body = Render(std::move(request), m_strSid, m_strHostAuthContent);
   VY_LOG(LOG_LEVEL_INFO, "Msg = %s\n", body.c_str());
-  Answer answer;
-  const int status = Post(m_strHost, m_iPort, body, m_strHostCookie, m_blHttps, answer);
-  m_iErrorCode = answer.code;
-  m_blAcknowledged = status >= 0 && answer.acknowledged;
-  VY_FAIL_IF(status < 0, -1, LOG_LEVEL_ERR, "MoveRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(), m_iPort,
-             body.c_str(), m_strHostCookie.c_str());
+  VY_FAIL_IF(PostAboutDirs(body) < 0, -1, LOG_LEVEL_ERR, "MoveRemoteDir failed [%s][%d][%s][%s]\n", m_strHost.c_str(),
+             m_iPort, body.c_str(), m_strHostCookie.c_str());
   return 0;
 } catch (const std::exception&) {
   return -1;

@@ -90,6 +90,8 @@ class VY_API WebapiSender : public ArchiveSender {
  private:
   bool IsLoggedIn() const { return !m_strSid.empty() || !m_strHostAuthContent.empty(); }
   void ForgetAnswer();
+  // Keeps what the remote answers. Negative when it could not be reached.
+  int PostAboutDirs(const std::string& body);
 
   bool m_blHttps = false;
   std::string m_strSid;              // of an account session; empty without one

@@ -188,10 +188,17 @@ class Collector {
       return Refuse(kFailed,
                     path + ": cannot choose key frames by time: its video carries no times; leave --every out");
     }
+    if (m_frames == before && m_refused == 0 && !m_isCut) {  // nothing is marked as a key frame
+      KeyFrame first;
+      m_progress.Hide();
+      if (const int code = FindKeyFrame(path, std::nullopt, first); code != kDone) {
+        return code;
+      }
+      Add(first.data.data(), static_cast<int>(first.data.size()));
+    }
     if (m_frames == before && !m_isCut) {
-      return Refuse(kFailed, path + ": cannot take a picture from it: " +
-                                 (m_refused > 0 ? "no key frame could be decoded; run again with -v"
-                                                : "the video stream holds no key frame; the recording may be cut off"));
+      return Refuse(kFailed,
+                    path + ": cannot take a picture from it: no key frame could be decoded; run again with -v");
     }
     if (m_refused > 0) {
       m_progress.Hide();
