@@ -698,7 +698,7 @@ int AudioMixer::WritePacket(AVPacket* packet, FmtCodecCtx& out) try {
     }
     kept->time_base = out.codecCtx->time_base;
     out.pktQueue.push_back(kept.get());
-    kept.release();
+    static_cast<void>(kept.release());
     return 0;
   }
   av_packet_rescale_ts(packet, out.codecCtx->time_base, out.fmtCtx->streams[0]->time_base);

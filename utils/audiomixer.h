@@ -64,8 +64,8 @@ class AudioMixer {
   // highest of the inputs, within what the format has and two channels. An empty path: AAC packets for PopMixed. The
   // path is an FFmpeg URL: a file a:b.wav is file:a:b.wav. A file with content that stands there, also
   // behind a symbolic link, is replaced when the new one is whole, and its permissions stay; where the directory cannot
-  // be written it is overwritten. A file that is not completed is removed. An input, and what is no regular file, is refused and stays as it is.
-  // After a failed SetOutput it may be called again.
+  // be written it is overwritten. A file that is not completed is removed. An input, and what is no regular file, is
+  // refused and stays as it is. After a failed SetOutput it may be called again.
   VY_API int SetOutput(const std::string& path);
 
   // Whether a file of that name can be an output.

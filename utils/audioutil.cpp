@@ -295,7 +295,7 @@ bool IsFileNeedToTranscode(const std::string& path) {
   Source source;
   VY_FAIL_IF(source.Open(path) != 0, false, LOG_LEVEL_ERR, "Get AV Format/Codec Context failed.\n");
   const std::int64_t samples = std::int64_t{source.ctx->sample_rate} * source.ctx->ch_layout.nb_channels;
-  return samples != kRate * kChannels || source.ctx->sample_fmt != AV_SAMPLE_FMT_S16;
+  return samples != std::int64_t{kRate} * kChannels || source.ctx->sample_fmt != AV_SAMPLE_FMT_S16;
 }
 
 int TranscodeToG711(const std::string& srcPath, const std::string& dstPath) {

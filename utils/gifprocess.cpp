@@ -172,7 +172,7 @@ int GifProcess::AddFrameFromJpeg(unsigned char* jpeg, int size) try {
       !Share(frame.get(), pixels.get(), static_cast<std::size_t>(length), FreePixels)) {
     return -1;
   }
-  pixels.release();
+  static_cast<void>(pixels.release());
   frame->width = width;
   frame->height = height;
   frame->format = kPixels;
@@ -211,7 +211,7 @@ bool GifProcess::Add(AVFrame* frame) {
     return false;
   }
   Append(given.get());
-  given.release();
+  static_cast<void>(given.release());
   return true;
 }
 

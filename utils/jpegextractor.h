@@ -9,11 +9,11 @@
 struct AVFormatContext;
 
 // What a file holds.
-struct __tag_JPEG_FRAME_INFO {
-  float frameRate;           // frames per second; 0 in a file without Motion JPEG
-  std::uint16_t width;       // pixels
-  std::uint16_t height;      // pixels
-  std::uint32_t frameCount;  // frames in the file's index
+struct __tag_JPEG_FRAME_INFO {  // NOLINT(bugprone-reserved-identifier): the name that callers know
+  float frameRate;              // frames per second; 0 in a file without Motion JPEG
+  std::uint16_t width;          // pixels
+  std::uint16_t height;         // pixels
+  std::uint32_t frameCount;     // frames in the file's index
 };
 
 // One recorded file. Frames are addressed by the file's index, which FFmpeg reads whole from AVI, MOV and MP4; of a

@@ -23,7 +23,7 @@ namespace {
 constexpr LOG_CATEG kLogCategory = LOG_CATEG_MEDIA;
 
 constexpr int kVideoTypeMjpeg = 1;
-constexpr off_t kMaxFileSize = 4 * 1024 * 1024;
+constexpr off_t kMaxFileSize = off_t{4} * 1024 * 1024;
 constexpr mode_t kFileMode = 0640;
 
 using Bytes = SharedThumb::Bytes;

@@ -56,7 +56,7 @@ void PaintRun(const Canvas& canvas, int row, int first, int last) {
   if (first > last) {
     return;
   }
-  const auto count = static_cast<std::size_t>(last - first + 1);
+  const auto count = static_cast<std::size_t>(last - first) + 1;
   unsigned char* pixel = canvas.data + static_cast<std::ptrdiff_t>(row) * canvas.stride +
                          static_cast<std::ptrdiff_t>(first) * canvas.pixelSize;
   if (canvas.pixelSize == 3) {

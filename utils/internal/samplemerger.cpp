@@ -32,7 +32,8 @@ bool SampleBuffer::Reserve(std::int64_t samples) {
   if (samples <= m_room) {
     return true;
   }
-  const std::int64_t limit = m_stride == 0 ? 0 : kMaxBytes / static_cast<std::int64_t>(m_stride * m_planeCount);
+  const std::int64_t limit =
+      m_stride * m_planeCount == 0 ? 0 : kMaxBytes / static_cast<std::int64_t>(m_stride * m_planeCount);
   if (samples > limit) {
     return false;
   }
