@@ -1,10 +1,10 @@
 // Sound: files converted for loudspeakers, MP3, and talk transcoded for cameras.
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 
+#include "bench/require.h"
 #include "bench/runner.h"
 #include "bench/soundfloor.h"
 #include "bench/tempfile.h"
@@ -17,6 +17,9 @@ extern "C" {
 }
 
 using bench::Bytes;
+using bench::ReadFile;
+using bench::Repeat;
+using bench::Require;
 using bench::SharedBytes;
 using bench::Sink;
 using bench::TempFile;
@@ -32,12 +35,6 @@ constexpr const char* kMusicFile = "music.mp3";  // ten minutes, for whole progr
 constexpr bench::SoundCoding kMusic = {"libmp3lame", AV_SAMPLE_FMT_FLTP, 44100, 1152, 2, 128000, "reservoir=0"};
 constexpr int kVoiceRate = 32000;  // and bit rate of EncoderMP3
 
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error(step + " failed");
-  }
-}
-
 // 44.1 kHz stereo. Every packet stands for itself, so that they can be repeated.
 void WriteMusic(const std::string& path, int seconds) {
   const std::vector<Bytes> packets = bench::EncodeSound(kMusic);
@@ -50,24 +47,11 @@ void WriteMusic(const std::string& path, int seconds) {
   Require(out.good(), "writing " + path);
 }
 
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
 void RequireSame(const Bytes& library, const Bytes& floor, std::size_t atLeast) {
   if (library != floor || library.size() < atLeast) {
     throw std::runtime_error("library and floor differ, or gave too little: " + std::to_string(library.size()) +
                              " and " + std::to_string(floor.size()) + " bytes");
   }
-}
-
-std::function<void(int)> Repeat(const std::function<void()>& work) {
-  return [work](int times) {
-    for (int i = 0; i < times; ++i) {
-      work();
-    }
-  };
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -209,12 +193,6 @@ Workload MakeSpeak(const std::shared_ptr<Talk>& talk, const Loudspeaker& loudspe
   const auto floor = [talk, loudspeaker](Sink& sink) {
     bench::FloorSpeak(talk->shared, kSeconds, loudspeaker.coding, loudspeaker.container, sink);
   };
-  const auto once = [](const std::function<void(Sink&)>& work) {
-    return Repeat([work] {
-      Sink sink;
-      work(sink);
-    });
-  };
   const auto check = [library, floor] {
     Bytes found[2];
     Sink sinks[2];
@@ -224,7 +202,7 @@ Workload MakeSpeak(const std::shared_ptr<Talk>& talk, const Loudspeaker& loudspe
     floor(sinks[1]);
     RequireSame(found[0], found[1], kSeconds * 1000);
   };
-  return {loudspeaker.name, once(library), once(floor), check};
+  return {loudspeaker.name, Repeat(library), Repeat(floor), check};
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

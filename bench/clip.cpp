@@ -4,25 +4,19 @@
 #include <cmath>
 #include <fstream>
 #include <functional>
-#include <stdexcept>
 
+#include "bench/encoder.h"
+#include "bench/require.h"
 #include "utils/internal/ffmpegptr.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
-#include <libavutil/dict.h>
 }
 
 using mediautil::FfPtr;
 
 namespace bench {
 namespace {
-
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error("clip: " + step + " failed");
-  }
-}
 
 // Marsaglia's xorshift: the same numbers everywhere.
 class Noise {
@@ -42,25 +36,6 @@ class Noise {
 // ---------------------------------------------------------------------------------------------------------------------
 // Encoding
 // ---------------------------------------------------------------------------------------------------------------------
-
-FfPtr<AVCodecContext> NewEncoder(const char* name) {
-  const AVCodec* codec = avcodec_find_encoder_by_name(name);
-  Require(codec != nullptr, std::string("finding ") + name);
-  FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
-  Require(ctx != nullptr, "allocating an encoder");
-  ctx->thread_count = 1;
-  ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  return ctx;
-}
-
-void Open(AVCodecContext* ctx, const char* options) {
-  AVDictionary* dictionary = nullptr;
-  Require(av_dict_parse_string(&dictionary, options, "=", ",", 0) >= 0, "reading the options");
-  const bool opened = avcodec_open2(ctx, ctx->codec, &dictionary) >= 0;
-  const bool allUsed = av_dict_count(dictionary) == 0;
-  av_dict_free(&dictionary);
-  Require(opened && allUsed, std::string("opening ") + ctx->codec->name);
-}
 
 FfPtr<AVFrame> NewFrame(const std::function<void(AVFrame&)>& describe) {
   FfPtr<AVFrame> frame(av_frame_alloc());
@@ -113,6 +88,7 @@ void DrawScene(AVFrame& frame, int number) {
 
 void EncodeVideo(const ClipShape& shape, Clip& clip) {
   const FfPtr<AVCodecContext> ctx = NewEncoder("libx264");
+  ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   ctx->width = shape.width;
   ctx->height = shape.height;
   ctx->pix_fmt = AV_PIX_FMT_YUV420P;
@@ -211,6 +187,7 @@ constexpr std::vector<Bytes> Clip::*kLists[] = {&Clip::video, &Clip::aac, &Clip:
 
 std::vector<Bytes> EncodeSound(const SoundCoding& coding) {
   const FfPtr<AVCodecContext> ctx = NewEncoder(coding.encoder);
+  ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   av_channel_layout_default(&ctx->ch_layout, coding.channels);
   ctx->sample_rate = coding.rate;
   ctx->sample_fmt = coding.format;

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
 
+#include "bench/require.h"
 #include "bench/soundfloor.h"
 
 extern "C" {
@@ -19,12 +19,6 @@ namespace {
 constexpr int kMp3Rate = 32000;
 constexpr int kVideoIndex = 0;
 constexpr int kSoundIndex = 1;
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("floor: ") + step + " failed");
-  }
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // Muxing

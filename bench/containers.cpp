@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bench/containerfloor.h"
+#include "bench/require.h"
 #include "bench/runner.h"
 #include "bench/tempfile.h"
 #include "utils/ffmpegdemuxer.h"
@@ -14,6 +15,7 @@
 
 using bench::Bytes;
 using bench::Clip;
+using bench::Require;
 using bench::Sink;
 using bench::TempFile;
 using bench::Workload;
@@ -29,12 +31,6 @@ constexpr std::int64_t kAacFrames = (kSeconds * bench::kSecond + bench::kAacTime
 
 // Frames have times of day.
 constexpr std::int64_t kStart = 1700000000 * bench::kSecond;
-
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error(step + " failed");
-  }
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The library's side
@@ -162,15 +158,6 @@ void RequirePacketsInside(const Bytes& mp4, std::int64_t wanted, std::int64_t mi
 // The workloads
 // ---------------------------------------------------------------------------------------------------------------------
 
-std::function<void(int)> Repeat(const Work& work) {
-  return [work](int times) {
-    for (int i = 0; i < times; ++i) {
-      Sink sink;
-      work(sink);
-    }
-  };
-}
-
 Workload MakeWorkload(const std::string& name, const Work& library, const Work& floor,
                       const std::function<void(const Result&)>& verify) {
   const auto check = [library, floor, verify] {
@@ -178,7 +165,7 @@ Workload MakeWorkload(const std::string& name, const Work& library, const Work& 
     RequireSame(fromLibrary, Collect(floor));
     verify(fromLibrary);
   };
-  return {name, Repeat(library), Repeat(floor), check};
+  return {name, bench::Repeat(library), bench::Repeat(floor), check};
 }
 
 // Opens at its first call, which is the warm-up.

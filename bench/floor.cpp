@@ -5,7 +5,8 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
+
+#include "bench/require.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -27,12 +28,6 @@ struct Free {
 template <typename T>
 using Owned = std::unique_ptr<T, Free>;
 
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("floor: ") + step + " failed");
-  }
-}
-
 Owned<AVFrame> Decode(AVCodecID codecId, const Bytes& keyFrame) {
   const AVCodec* codec = avcodec_find_decoder(codecId);
   Require(codec != nullptr, "avcodec_find_decoder");
@@ -48,7 +43,6 @@ Owned<AVFrame> Decode(AVCodecID codecId, const Bytes& keyFrame) {
   return frame;
 }
 
-// Full-range YUV has a format of its own that libswscale only takes with a complaint.
 struct Source {
   const std::uint8_t* const* data;
   const int* stride;
@@ -58,6 +52,7 @@ struct Source {
 };
 
 Owned<unsigned char> ScaleToRgb(const Source& source, int width, int height) {
+  // Full-range YUV has a format of its own that libswscale only takes with a complaint.
   const bool fullRange = source.format == AV_PIX_FMT_YUVJ420P;
   const Owned<SwsContext> sws(sws_alloc_context());
   Require(sws != nullptr, "sws_alloc_context");

@@ -1,8 +1,8 @@
 #include "bench/floorio.h"
 
-#include <stdexcept>
 #include <string>
 
+#include "bench/require.h"
 #include "utils/internal/ffcompat.h"
 
 extern "C" {
@@ -13,12 +13,6 @@ namespace bench {
 namespace {
 
 constexpr int kIoBuffer = 1 << 16;
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("floor: ") + step + " failed");
-  }
-}
 
 int OnBytes(void* sink, mediautil::IoBytes data, int size) {
   static_cast<Sink*>(sink)->Take(data, size);

@@ -1,6 +1,7 @@
 // What the floors have in common: where bytes come from and go to.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -26,6 +27,16 @@ struct Sink {
     Take(packet.data, packet.size);
   }
 };
+
+// Work into a sink, as many times; each has one of its own.
+inline std::function<void(int times)> Repeat(const std::function<void(Sink&)>& work) {
+  return [work](int times) {
+    for (int i = 0; i < times; ++i) {
+      Sink sink;
+      work(sink);
+    }
+  };
+}
 
 // Output of an FFmpeg container into a sink, which must outlive it. Throws std::runtime_error.
 void OpenSink(AVFormatContext& output, Sink& sink);

@@ -1,15 +1,14 @@
 // Decoded pictures to an animated GIF.
-#include <fstream>
-#include <iterator>
 #include <memory>
-#include <stdexcept>
 
 #include "bench/giffloor.h"
 #include "bench/inputs.h"
+#include "bench/require.h"
 #include "bench/stills.h"
 #include "bench/tempfile.h"
 #include "utils/gifprocess.h"
 
+using bench::Require;
 using mediautil::FfPtr;
 
 namespace {
@@ -20,12 +19,6 @@ constexpr int kGifHeight = 360;
 constexpr int kDelayMs = 500;
 
 using Pictures = std::vector<FfPtr<AVFrame>>;
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string(step) + " failed");
-  }
-}
 
 // Coloured tiles that move: some hundred colours, since the cost of a GIF grows with their number.
 FfPtr<AVFrame> MakePicture(int n) {
@@ -57,11 +50,6 @@ void LibraryGif(const Pictures& pictures, const std::string& path) {
   Require(gif.Process() == 0, "Process");
 }
 
-bench::Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return bench::Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
 }  // namespace
 
 std::vector<bench::Workload> bench::GifWorkloads() {
@@ -70,13 +58,6 @@ std::vector<bench::Workload> bench::GifWorkloads() {
     pictures->push_back(MakePicture(n));
   }
   const auto file = std::make_shared<TempFile>();
-  const auto repeat = [](const std::function<void()>& work) {
-    return [work](int times) {
-      for (int i = 0; i < times; ++i) {
-        work();
-      }
-    };
-  };
   const auto library = [pictures, file] { LibraryGif(*pictures, file->Path()); };
   const auto floor = [pictures, file] { FloorGif(*pictures, kDelayMs / 10, file->Path()); };
   const auto check = [library, floor, file] {
@@ -85,5 +66,5 @@ std::vector<bench::Workload> bench::GifWorkloads() {
     floor();
     Require(gif == ReadFile(file->Path()) && gif.size() > 10000, "comparing the GIFs");
   };
-  return {{"gif/30x640x360", repeat(library), repeat(floor), check}};
+  return {{"gif/30x640x360", Repeat(library), Repeat(floor), check}};
 }

@@ -1,6 +1,6 @@
 #include "bench/giffloor.h"
 
-#include <stdexcept>
+#include "bench/require.h"
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -12,12 +12,6 @@ using mediautil::FfPtr;
 
 namespace bench {
 namespace {
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("floor: ") + step + " failed");
-  }
-}
 
 struct Graph {
   FfPtr<AVFilterGraph> graph;

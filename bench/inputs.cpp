@@ -2,15 +2,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
 
+#include "bench/encoder.h"
+#include "bench/require.h"
 #include "platform/file.h"
 #include "utils/internal/ffmpegptr.h"
 
 extern "C" {
-#include <libavutil/dict.h>
 #include <libavutil/imgutils.h>
 }
 
@@ -18,12 +16,6 @@ using mediautil::FfPtr;
 
 namespace bench {
 namespace {
-
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error("inputs: " + step + " failed");
-  }
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The picture
@@ -119,21 +111,12 @@ constexpr Recipe kHevc = {"libx265", AV_PIX_FMT_YUV420P,
 constexpr Recipe kMjpeg = {"mjpeg", AV_PIX_FMT_YUVJ420P, "flags=+qscale,global_quality=354"};
 
 FfPtr<AVCodecContext> OpenEncoder(const Recipe& recipe) {
-  const AVCodec* codec = avcodec_find_encoder_by_name(recipe.encoder);
-  Require(codec != nullptr, recipe.encoder);
-  FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));
-  Require(ctx != nullptr, "encoder");
+  FfPtr<AVCodecContext> ctx = NewEncoder(recipe.encoder);
   ctx->width = kWidth;
   ctx->height = kHeight;
   ctx->pix_fmt = recipe.format;
   ctx->time_base = {1, 25};
-  ctx->thread_count = 1;
-  AVDictionary* options = nullptr;
-  Require(av_dict_parse_string(&options, recipe.options, "=", ",", 0) >= 0, "options");
-  const bool opened = avcodec_open2(ctx.get(), codec, &options) >= 0;
-  const bool allUsed = av_dict_count(options) == 0;
-  av_dict_free(&options);
-  Require(opened && allUsed, std::string("opening ") + recipe.encoder);
+  Open(ctx.get(), recipe.options);
   return ctx;
 }
 
@@ -191,10 +174,8 @@ Inputs LoadInputs(const std::string& folder) {
   Inputs inputs;
   for (const InputFile& file : kFiles) {
     const std::string path = folder + "/" + file.name;
-    std::ifstream stream(path, std::ios::binary);
-    Bytes& bytes = inputs.*file.bytes;
-    bytes.assign(std::istreambuf_iterator<char>(stream), {});
-    Require(!stream.bad() && !bytes.empty(), "reading " + path);
+    inputs.*file.bytes = ReadFile(path);
+    Require(!(inputs.*file.bytes).empty(), "reading " + path);
   }
   Require(inputs.rgb.size() == std::size_t{kWidth} * kHeight * 3, "reading the RGB picture");
   return inputs;

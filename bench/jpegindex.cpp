@@ -2,14 +2,15 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 
 #include "bench/inputs.h"
+#include "bench/require.h"
 #include "bench/stills.h"
 #include "bench/tempfile.h"
 #include "utils/internal/ffmpegptr.h"
 #include "utils/jpegextractor.h"
 
+using bench::Require;
 using mediautil::FfPtr;
 
 namespace {
@@ -21,12 +22,6 @@ constexpr int kRate = 25;
 constexpr unsigned int kFrames = 60 * kRate;
 constexpr unsigned int kStride = 37;  // to the next index, so that no frame follows the one before it
 constexpr std::size_t kCapacity = 1 << 20;
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string(step) + " failed");
-  }
-}
 
 // A grey slope that depends on number.
 void Draw(AVFrame& frame, unsigned int number) {
@@ -123,7 +118,7 @@ struct Opened {
 };
 
 template <typename Read>
-std::function<void(int)> Repeat(Read read) {
+std::function<void(int)> RepeatAcross(Read read) {
   return [read, index = 0U](int times) mutable {
     for (int i = 0; i < times; ++i) {
       index = (index + kStride) % kFrames;
@@ -142,6 +137,6 @@ std::vector<bench::Workload> bench::JpegWorkloads() {
       Require(library == opened->Taken(opened->ByHand(index)), "agreeing on a frame");
     }
   };
-  return {{"jpeg/index", Repeat([opened](unsigned int index) { opened->ByLibrary(index); }),
-           Repeat([opened](unsigned int index) { opened->ByHand(index); }), check}};
+  return {{"jpeg/index", RepeatAcross([opened](unsigned int index) { opened->ByLibrary(index); }),
+           RepeatAcross([opened](unsigned int index) { opened->ByHand(index); }), check}};
 }

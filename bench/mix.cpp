@@ -1,14 +1,12 @@
 // Mixing three files of five minutes.
-#include <fstream>
-#include <iterator>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "bench/clip.h"
 #include "bench/mixfloor.h"
 #include "bench/quietlog.h"
+#include "bench/require.h"
 #include "bench/runner.h"
 #include "bench/tempfile.h"
 #include "utils/audiomixer.h"
@@ -19,6 +17,7 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+using bench::Require;
 using bench::TempFolder;
 using mediautil::FfPtr;
 
@@ -27,12 +26,6 @@ namespace {
 constexpr int kRate = 44100;
 constexpr int kSeconds = 300;
 constexpr std::size_t kWavSecond = std::size_t{kRate} * 4;  // bytes
-
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error(step + " failed");
-  }
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The inputs
@@ -112,11 +105,6 @@ void Mix(const std::vector<std::string>& inputs, const std::string& output) {
   Require(mixer.WriteToFile() == 0, "WriteToFile");
 }
 
-std::string Content(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
 std::vector<bench::Workload> MakeWorkloads(const std::string& given) {
   const auto temporary = std::make_shared<TempFolder>();
   const std::string folder = given.empty() ? temporary->Path() : given;
@@ -129,17 +117,13 @@ std::vector<bench::Workload> MakeWorkloads(const std::string& given) {
   }
   const std::string output = temporary->Path() + "/mix.wav";
   const auto repeat = [temporary, inputs, output](auto mix) {
-    return [temporary, inputs, output, mix](int times) {
-      for (int i = 0; i < times; ++i) {
-        mix(inputs, output);
-      }
-    };
+    return bench::Repeat([temporary, inputs, output, mix] { mix(inputs, output); });
   };
   const auto check = [inputs, output] {
     Mix(inputs, output);
-    const std::string library = Content(output);
+    const bench::Bytes library = bench::ReadFile(output);
     bench::FloorMix(inputs, output);
-    Require(library == Content(output), "comparing the mixes of library and floor");
+    Require(library == bench::ReadFile(output), "comparing the mixes of library and floor");
     Require(library.size() > kWavSecond * (kSeconds - 1) && library.size() < kWavSecond * (kSeconds + 1),
             "looking for five minutes of sound");
   };

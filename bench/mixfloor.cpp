@@ -1,7 +1,6 @@
 #include "bench/mixfloor.h"
 
-#include <stdexcept>
-
+#include "bench/require.h"
 #include "utils/internal/ffmpegptr.h"
 
 extern "C" {
@@ -18,12 +17,6 @@ namespace {
 
 constexpr int kRate = 44100;
 constexpr int kSampleBytes = 4;  // of both channels
-
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error("floor: " + step + " failed");
-  }
-}
 
 // The decoded sound of a file.
 class Source {

@@ -1,14 +1,14 @@
 // A long mix of two live streams with loss and jitter: does memory stay, and does the mix keep step with them?
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <list>
 #include <random>
-#include <stdexcept>
 
 #include "bench/clip.h"
+#include "bench/longrun.h"
 #include "bench/quietlog.h"
+#include "bench/require.h"
 #include "bench/usage.h"
 #include "utils/audiomixer.h"
 #include "utils/internal/ffmpegptr.h"
@@ -19,6 +19,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+using bench::Require;
 using mediautil::FfPtr;
 
 namespace {
@@ -59,12 +60,6 @@ struct Result {
   std::int64_t residentEarly = 0;
   std::int64_t residentLate = 0;
 };
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string(step) + " failed");
-  }
-}
 
 // Finds the second stream's signals in what was mixed.
 class Listener {
@@ -201,8 +196,6 @@ class Soak {
 };
 
 int Report(const Result& result) {
-  const auto mebi = [](std::int64_t bytes) { return static_cast<double>(bytes) / (1 << 20); };
-  const std::int64_t growth = result.residentLate - result.residentEarly;
   std::printf("%.0f s mixed, %lld packets; %lld packets of the second stream were lost\n", result.seconds,
               static_cast<long long>(result.packets), static_cast<long long>(result.lost));
   std::printf("at most %.3f s behind the first stream (%.3f), %.3f s before it (0)\n", result.lag, kAllowedLag,
@@ -210,26 +203,18 @@ int Report(const Result& result) {
   std::printf("%lld of %lld signals of the second stream heard, at most %.3f s early (%.3f) and %.3f s late (%.3f)\n",
               static_cast<long long>(result.heard), static_cast<long long>(result.signals), result.early, kAllowedEarly,
               result.late, kAllowedLate);
-  std::printf("resident: %.2f MiB after ten minutes, %.2f MiB at the end, grown by %.2f MiB (at most %.0f)\n",
-              mebi(result.residentEarly), mebi(result.residentLate), mebi(growth), mebi(kAllowedGrowth));
+  const bool hasStayed = bench::HasStayed(result.residentEarly, result.residentLate, kAllowedGrowth);
   const bool isInStep = result.heard == result.signals && result.early <= kAllowedEarly && result.late <= kAllowedLate;
-  return growth > kAllowedGrowth || result.lag > kAllowedLag || result.lead > 0 || !isInStep ? 1 : 0;
+  return !hasStayed || result.lag > kAllowedLag || result.lead > 0 || !isInStep ? 1 : 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app(
+  bench::SilenceLog();
+  return bench::RunHours(
+      argc, argv,
       "Mixes two live streams of that many hours. Exit codes: 0 memory stayed and the streams kept step, 1 one of them "
-      "did not, 2 it did not work.");
-  int hours = 1;
-  app.add_option("HOURS", hours, "length of the mix (1)")->check(CLI::Range(1, 100000).description(""));
-  CLI11_PARSE(app, argc, argv);
-  try {
-    bench::SilenceLog();
-    return Report(Soak().Run(hours));
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
-    return 2;
-  }
+      "did not, 2 it did not work.",
+      "length of the mix", 1, [](int hours) { return Report(Soak().Run(hours)); });
 }

@@ -7,6 +7,7 @@
 
 #include "bench/floor.h"
 #include "bench/inputs.h"
+#include "bench/require.h"
 #include "bench/runner.h"
 #include "platform/jpeg.h"
 #include "utils/imageobject.h"
@@ -14,6 +15,7 @@
 #include "utils/mpeg4util.h"
 
 using bench::Bytes;
+using bench::Require;
 using bench::Workload;
 
 namespace {
@@ -42,12 +44,6 @@ struct Size {
 };
 
 constexpr Size kSizes[] = {{"320", 320, 180}, {"full", bench::kWidth, bench::kHeight}};
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string(step) + " failed");
-  }
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The library's side; out takes a copy of the JPEG and may be null

@@ -17,6 +17,15 @@ struct Workload {
   int batch = 1;                // calls between two looks at the clock
 };
 
+// Work without an outcome of its own, as Workload wants it.
+inline std::function<void(int times)> Repeat(const std::function<void()>& work) {
+  return [work](int times) {
+    for (int i = 0; i < times; ++i) {
+      work();
+    }
+  };
+}
+
 // A program's workloads. inputs: the folder of its cached inputs, empty for none.
 struct Suite {
   std::string description;

@@ -5,7 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
+
+#include "bench/require.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -18,12 +19,6 @@ namespace {
 
 constexpr AVChannelLayout kMono = AV_CHANNEL_LAYOUT_MONO;
 constexpr AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string("floor: ") + step + " failed");
-  }
-}
 
 FfPtr<AVCodecContext> NewContext(const AVCodec* codec, AVSampleFormat format, int rate) {
   FfPtr<AVCodecContext> ctx(avcodec_alloc_context3(codec));

@@ -11,11 +11,13 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <stdexcept>
 
+#include "bench/require.h"
 #include "bench/stills.h"
 #include "platform/file.h"
 #include "utils/sharedthumb.h"
+
+using bench::Require;
 
 namespace {
 
@@ -26,12 +28,6 @@ using Bytes = SharedThumb::Bytes;
 
 const std::string kThumbFile = std::string(SharedThumb::kDirectory) + "/1.0";
 const std::string kLockFile = kThumbFile + ".lock";
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string(step) + " failed");
-  }
-}
 
 // A folder /var that only this process sees, so that the server's own cache is left alone.
 bool HideServerCache() {
@@ -82,14 +78,6 @@ void Check() {
   Require(library.second == kSize && hand.second == kSize &&
               std::equal(hand.first.get(), hand.first.get() + kSize, library.first.get()),
           "comparing the bytes");
-}
-
-std::function<void(int)> Repeat(Bytes (*step)()) {
-  return [step](int times) {
-    for (int i = 0; i < times; ++i) {
-      step();
-    }
-  };
 }
 
 }  // namespace

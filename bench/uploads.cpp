@@ -17,22 +17,18 @@
 #include <string>
 
 #include "archiving/archivesender.h"
+#include "bench/require.h"
 #include "bench/uploadsink.h"
 #include "bench/usage.h"
 
 namespace {
 
 using bench::Received;
+using bench::Require;
 using bench::UploadSink;
 
 constexpr std::int64_t kMiB = 1 << 20;
 constexpr std::int64_t kAllowedGrowth = 4 * kMiB;
-
-void Require(bool ok, const std::string& step) {
-  if (!ok) {
-    throw std::runtime_error(step + " failed");
-  }
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // The two sides

@@ -7,18 +7,13 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bench/require.h"
+
 namespace bench {
 namespace {
-
-void Require(bool ok, const char* step) {
-  if (!ok) {
-    throw std::runtime_error(std::string(step) + " failed");
-  }
-}
 
 sockaddr_in Loopback(int port) {
   sockaddr_in address = {};
