@@ -54,23 +54,23 @@ constexpr int kFailed = 1;
 constexpr int kNotLoggedIn = 3;
 constexpr int kRejected = 4;
 
+// Web API error codes of the remote.
+constexpr int kUnreadableCode = 100;  // ours, for an error without a code
+constexpr int kSessionCode = 105;     // not logged in
+constexpr int kRejectedCode = 487;
+constexpr int kExistsCode = 518;
+constexpr int kKeptCode = 539;
+
 int ResultOfCode(int code) {
-  switch (code) {
-    case 518:
-    case 539:
-      return kSent;
-    case 487:
-      return kRejected;
-    case 105:
-      return kNotLoggedIn;
-    default:
-      return kFailed;
+  if (code == kExistsCode || code == kKeptCode) {
+    return kSent;
   }
+  return code == kRejectedCode ? kRejected : code == kSessionCode ? kNotLoggedIn : kFailed;
 }
 
 // What the remote says to a request.
 struct Answer {
-  int code = 0;               // of the web API's error; 0 without one, 100 for an error that cannot be read
+  int code = 0;               // of the web API's error; 0 without one
   bool acknowledged = false;  // all is well; a reply that is no JSON object does not say so
   bool hasError = false;
 };
@@ -87,7 +87,7 @@ Answer ReadAnswer(const std::string& text) {
     const bool isReadable =
         VyJson::Validate("{type: object, required: {error: {type: object, required: {code: int}}}}", reply) == 0 &&
         reply["error"]["code"].isInt();
-    answer.code = isReadable ? reply["error"]["code"].asInt() : 100;
+    answer.code = isReadable ? reply["error"]["code"].asInt() : kUnreadableCode;
   }
   return answer;
 }
@@ -444,7 +444,7 @@ int WebapiSender::FileUpload(const std::string& params, const std::string& fileP
                              const std::string& extraData) try {
   ForgetAnswer();
   VyNet::VyHttpClient client;
-  client.Init("/webapi/entry.cgi?" + params, m_strHost, m_iPort, "", "", kUploadTimeout, true, true, true,
+  client.Init(std::string("/") + kCgiPath + "?" + params, m_strHost, m_iPort, "", "", kUploadTimeout, true, true, true,
               HTTP_VERSION_DEFAULT, "", m_blHttps, true, false, "", Json::Value(Json::objectValue),
               TLS_VERSION_DEFAULT);
   client.SetCookie(m_strHostCookie);
@@ -453,7 +453,7 @@ int WebapiSender::FileUpload(const std::string& params, const std::string& fileP
 
   mediautil::FilePtr file = mediautil::OpenPlainFile(filePath, m_strSendingDir);
   if (file == nullptr) {
-    if (SetFileOwnerToVy(filePath, false) != 0) {
+    if (mediautil::TakeOwnership(filePath, m_strSendingDir) != 0) {
       VY_LOG(LOG_LEVEL_ERR, "change owner of file %s failed\n", filePath.c_str());
     }
     file = mediautil::OpenPlainFile(filePath, m_strSendingDir);

@@ -17,7 +17,7 @@ class VY_API ArchiveSender {
   virtual int Login(const std::string& host, int port, const std::string& account, const std::string& password,
                     const std::string& extra, bool useHttps) = 0;
 
-  // Ends the session. Always 0.
+  // Ends an account's session; one with the paired host lasts until the next Login. Always 0.
   virtual int Logout() = 0;
 
   // Sends one file. 0: sent, 3: not logged in, others as the destination says.
@@ -44,7 +44,8 @@ class VY_API WebapiSender : public ArchiveSender {
   int Login(const std::string& host, int port, const std::string& account, const std::string& password,
             const std::string& extra, bool useHttps) override;
 
-  // Opens a session on the paired central-management host. False when host and port are not its.
+  // Gathers what the paired central-management host asks of each request; host and port are then for Login to set.
+  // False when host and port are not its.
   bool LoginCmsHost(const std::string& host, int port);
 
   int Logout() override;
@@ -61,8 +62,8 @@ class VY_API WebapiSender : public ArchiveSender {
   // the first failure, a directory that cannot be listed among them; what was sent until then stays on the remote.
   int SendDir(const std::string& srcDir, bool flag, const std::string& dstDir, bool useTmpDir) override;
 
-  // Makes directories below a root, in the order given. 0 when the remote took the request, whatever it answered; -1
-  // when it could not be reached.
+  // Makes directories below a root, in the order given. 0 when the remote answered, whatever it said; -1 when it could
+  // not be reached or did not answer in time: it may have done it all the same.
   int CreateRemoteDir(const std::list<std::string>& dirs, const std::string& rootDir, bool overwrite);
 
   // Renames a directory. Results as of CreateRemoteDir.

@@ -34,7 +34,12 @@ int Push(std::string dir, const std::string& host, int port, const std::string& 
   constexpr bool kWithHiddenFiles = true;
   constexpr bool kByTemporaryDir = true;
   if (sender.SendDir(dir, kWithHiddenFiles, dest, kByTemporaryDir) != 0) {
-    std::cerr << "push_directory: what was sent so far is in " << dest << ".arch on the remote\n";
+    std::cerr << "push_directory: not sent; a part may be in DEST.arch on the remote\n";
+    return 1;
+  }
+  if (!sender.LastRequestAcknowledged()) {  // of the renaming: a refusal is none of SendDir's failures
+    std::cerr << "push_directory: sent to DEST.arch, which did not become DEST: code " << sender.LastErrorCode()
+              << "\n";
     return 1;
   }
   return 0;
@@ -47,5 +52,5 @@ int main(int argc, char** argv) {
     std::cerr << "usage: push_directory DIR HOST PORT ACCOUNT DEST\n";
     return 2;
   }
-  return Push(argv[1], argv[2], std::atoi(argv[3]), argv[4], argv[5]);
+  return Push(argv[1], argv[2], static_cast<int>(std::strtol(argv[3], nullptr, 10)), argv[4], argv[5]);
 }

@@ -18,7 +18,7 @@ enum ARCH_FILE_TYPE : int {
 // One file to send.
 class VY_API ArchFile {
  public:
-  // Plain values; the remote gets them as they are, the path of the file apart.
+  // Plain values; the remote gets type, type id, camera and destination as they are, and the name of the file.
   ARCH_FILE_TYPE GetFileType() const { return m_fileType; }
   std::string GetFilePath() const { return m_filePath; }
   int GetFileTypeId() const { return m_fileTypeId; }

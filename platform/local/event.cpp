@@ -10,7 +10,7 @@ using local::Store;
 
 void Event::SetThumbnail(const unsigned char* jpeg, unsigned int size) {
   if (jpeg == nullptr) size = 0;
-  m_thumbnail.assign(jpeg, jpeg + size);
+  m_thumbnail = std::vector<unsigned char>(jpeg, jpeg + size);  // jpeg may be what it replaces
 }
 
 int Event::SaveThumbnail(const Camera* camera) {

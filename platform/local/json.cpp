@@ -22,16 +22,27 @@ struct Outline {
   bool hasComments = false;
 };
 
+// The end of a comment that begins at a place, on its last byte.
+std::size_t CommentEnd(const std::string& text, std::size_t begin) {
+  const bool isLine = text.compare(begin, 2, "//") == 0;
+  const std::size_t end = isLine ? text.find_first_of("\r\n", begin) : text.find("*/", begin + 2);
+  return end == std::string::npos ? text.size() : isLine ? end : end + 1;
+}
+
 Outline Scan(const std::string& text) {
   Outline outline;
   bool inString = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
+    if (c == '/' && !inString) {
+      outline.hasComments = true;
+      i = CommentEnd(text, i);
+      continue;
+    }
     if (c == '"') inString = !inString;
     if (c == '\\' && inString) ++i;
     if (inString) continue;
     if (c == ',' || c == '[' || c == '{') ++outline.values;
-    if (c == '/') outline.hasComments = true;
   }
   return outline;
 }

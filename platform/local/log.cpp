@@ -24,7 +24,7 @@ int g_DbgLogPid = 0;
 
 namespace {
 
-constexpr std::size_t kMaxText = 8192;
+constexpr std::size_t kMaxText = 8192;  // bytes
 constexpr std::size_t kRoomForNewlines = 16;
 
 // A log call must not change the error that its caller is about to look at.

@@ -30,7 +30,7 @@ using SharedWord = std::atomic<std::uint32_t>;
 static_assert(SharedWord::is_always_lock_free && sizeof(SharedWord) == 4, "shared between processes");
 
 struct StreamRing {
-  static constexpr std::uint32_t kMagic = 0x4C495645;
+  static constexpr std::uint32_t kMagic = 0x4C495645;  // "LIVE"
   static constexpr std::uint32_t kVersion = 1;
   // Three are published; the others are filled in turn, so that a reader has three frames' time to copy one.
   static constexpr std::uint32_t kSlots = 6;

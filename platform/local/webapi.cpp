@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "platform/http.h"
 #include "platform/json.h"
@@ -42,8 +41,8 @@ std::string ToJsonText(const Json::Value& value) {
   return Json::writeString(writer, value);
 }
 
-// Empty without one.
-// Empty also for a text that callers, who put it between quotes into a query, cannot send.
+// A text that authenticates. Empty without one, and for one that callers, who put it between quotes into a query,
+// cannot send.
 std::string AuthSetting(const Json::Value& settings, const char* key) {
   std::string value;
   local::ReadKey(settings, key, value);
@@ -78,10 +77,11 @@ std::string SessionId(const Json::Value& reply) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is fixed
 Json::Value GetJsonAPIInfo(std::string api, std::string method, int version) {
   Json::Value info(Json::objectValue);
-  info["api"] = std::move(api);
-  info["method"] = std::move(method);
+  info["api"] = api;
+  info["method"] = method;
   info["version"] = version;
   return info;
 }

@@ -37,7 +37,9 @@ TEST(JsonTest, Parse) {
       ";{} x;1 x;1],[2;{},{};];[1,];{\"a\":1;{'a':1};[NaN];{} /*;[-;[1e999];[\"\\ud800;\xFF;<html>Bad Gateway</html>",
       ";");
   for (const char* piece : {"[", "{\"a\":", "[[],"}) refused.push_back(Repeat(piece, 1000000));
-  refused.push_back("[" + Repeat("0,", 100000) + "0]");  // so many values take a lot of memory
+  for (const char* before : {"", "/*\"*/", "//\"\r", "//\"\n", "[/*/\"*/0],"}) {
+    refused.push_back(before + ("[" + Repeat("0,", 100000) + "0]"));  // so many values take a lot of memory
+  }
   refused.insert(refused.end(), {std::string("{}\0x", 4), std::string("1]\0", 3), Repeat("[", 257) + Repeat("]", 257)});
   for (const std::string& text : refused) EXPECT_EQ(Parse(text, true, false), "-") << text.substr(0, 99);
   EXPECT_NE(Parse("[" + Repeat("0,", 99000) + Repeat("[", 255) + Repeat("]", 256), false, true), "-");

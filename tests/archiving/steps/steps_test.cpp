@@ -357,6 +357,7 @@ TEST_F(Steps, TriggerMap) {
 TEST_F(Steps, LinksThatAppearMeanwhile) {
   for (const char* name : {"d/a", "d/b", "d/s/c"}) Make(name, "1");
   const std::string secret = Make("other/c", "secret");
+  const bool isOther = chown(secret.c_str(), 65534, 65534) == 0;
   onSent = [&](long long, long long) {
     std::filesystem::remove_all(Path("d/b"));
     std::filesystem::remove_all(Path("d/s"));
@@ -372,6 +373,9 @@ TEST_F(Steps, LinksThatAppearMeanwhile) {
             (Lines{"4|FileUpload|Open file [PATH/b] failed.\n", "4|FileUpload|Open file [PATH/s/c] failed.\n"}));
   EXPECT_EQ(g_net.body, "");
   EXPECT_FALSE(LastFileDelivered());
+  struct stat info = {};
+  EXPECT_EQ(stat(secret.c_str(), &info), 0);
+  EXPECT_EQ(info.st_uid == 65534, isOther) << "its owner changed";
 }
 
 // The text of the source directory stands in the names below it once more.
@@ -424,7 +428,9 @@ TEST_F(Steps, Directory) {
   expectFailure("d", -1, R"({"error":{}})", 2, {"1|SendDir|Send file d/ad/d.txt failed\n"});
   expectFailure("d", 1, "{}", 4,
                 {"1|MoveRemoteDir|MoveRemoteDir failed [nvr][5001][_sid=S1&", "1|SendDir|Failed to move remote dir\n"});
-  for (const char* src : {"none", ""}) expectFailure(src, -1, "{}", 0, {});
+  for (const char* src : {"none", ""}) {
+    expectFailure(src, -1, "{}", 0, {"1|SendDir|Failed to list dir [" + std::string(src) + "]\n"});
+  }
   Init(false);
   EXPECT_EQ(SendDir("d", false, "r", true), 3);
   EXPECT_EQ(Said(), (Lines{"1|SendDir|Auth error Dst[]\n"}));
