@@ -8,10 +8,10 @@
 #include <new>
 #include <utility>
 
-#include "utils/internal/audiofile.h"
 #include "utils/internal/ffcompat.h"
 #include "utils/internal/ffmpegptr.h"
 #include "utils/internal/filterchain.h"
+#include "utils/internal/inputfile.h"
 #include "utils/internal/log.h"
 #include "utils/internal/mixerinput.h"
 #include "utils/internal/soundformat.h"
@@ -190,8 +190,7 @@ void AudioMixer::FlushStream(unsigned idx) {
     return;
   }
   for (unsigned j = 0; j < m_inputs.size(); ++j) {
-    const Input& waiting = m_inputs[j];
-    if (waiting.srcCtx != nullptr && waiting.IsStream() && (!waiting.pktQueue.empty() || waiting.rest != nullptr)) {
+    if (m_inputs[j].srcCtx != nullptr && m_inputs[j].IsBacklogged()) {
       ReadInput(j);  // what was pushed is no gap
     }
   }
@@ -203,7 +202,7 @@ void AudioMixer::FlushStream(unsigned idx) {
   }
   in.hasNewSound = false;
   for (unsigned j = 0; j < m_inputs.size(); ++j) {
-    if (j != idx) {
+    if (j != idx && !m_inputs[j].IsBacklogged()) {
       AutoBalanceInput(j, in, kFlushToleranceMs);
     }
   }
@@ -474,8 +473,11 @@ void AudioMixer::AutoBalanceInput(unsigned idx, const Input& leader, int toleran
 void AudioMixer::DoAutoBalance() {
   const Input* leader = Furthest();
   for (unsigned i = 0; i < m_inputs.size(); ++i) {
-    AutoBalanceInput(i, *leader, m_inputs[i].IsStream() ? kToleranceMs : 0);
+    if (!m_inputs[i].IsBacklogged()) {
+      AutoBalanceInput(i, *leader, m_inputs[i].IsStream() ? kToleranceMs : 0);
+    }
   }
+  KeepCountsSmall();
 }
 
 // The furthest stream. Only without any the files count: what is read of them ahead, a frame can be seconds, does not
@@ -565,12 +567,13 @@ int AudioMixer::OpenFile(const SoundFormat& format, const std::string& path) {
   return 0;
 }
 
-// An input must not be overwritten, and a FIFO's other end may be missing for ever.
+// An input must not be overwritten, and what is no file, a FIFO or another protocol, may wait for ever.
 int AudioMixer::CheckFile(const std::string& name) const {
   const mediautil::FileId file = mediautil::FileOf(name);
   const auto isSame = [&file](const Input& in) { return in.file == file; };
   const bool isInput = file.second != 0 && std::any_of(m_inputs.begin(), m_inputs.end(), isSame);
-  return isInput ? AVERROR(EBUSY) : mediautil::IsPlainFileOrNone(name) ? 0 : AVERROR(ENOTSUP);
+  const bool isFile = !name.empty() && mediautil::IsPlainFileOrNone(name);
+  return isInput ? AVERROR(EBUSY) : isFile ? 0 : AVERROR(ENOTSUP);
 }
 
 void AudioMixer::CloseOutput() {
@@ -593,7 +596,6 @@ int AudioMixer::ProcessInput() try {
   KeepLatestPackets();
   ReadInputs();
   DoAutoBalance();
-  KeepCountsSmall();
   bool isAtEnd = false;
   m_error = PullFilterSink(isAtEnd);
   if (m_error >= 0 && isAtEnd) {
@@ -658,7 +660,6 @@ int AudioMixer::PullFilterSink(bool& finished) {
     m_mixedSamples += m_pFrame->nb_samples;
     VY_LOG(LOG_LEVEL_ERR, "Remove %d samples from sink (%d Hz, time=%f, ttime=%f)\n", m_pFrame->nb_samples,
            m_pFrame->sample_rate, static_cast<double>(m_pFrame->nb_samples) / m_pFrame->sample_rate, MixedSeconds());
-    mediautil::SilenceWildSamples(m_pFrame);
     if (const int written = EncodeWriteFrame(m_pFrame, m_out); written < 0) {
       return written;
     }
@@ -672,7 +673,6 @@ int AudioMixer::PullFilterSink(bool& finished) {
   return 0;
 }
 
-// A null frame empties the encoder.
 int AudioMixer::EncodeWriteFrame(AVFrame* frame, FmtCodecCtx& out) {
   if (out.codecCtx == nullptr) {
     return -1;

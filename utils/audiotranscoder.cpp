@@ -72,6 +72,7 @@ int AudioTranscoder::Init(const CAM_CAP_AUDIO_OUT_FORMAT& src, const CAM_CAP_AUD
   m_isHeaderWritten = true;
   return 0;
 } catch (const std::bad_alloc&) {
+  VY_LOG(LOG_LEVEL_ERR, "Failed to init FFmpeg audio decoder.\n");
   return -1;
 }
 
@@ -80,8 +81,8 @@ int AudioTranscoder::InitOutputContext() {
   VY_FAIL_IF(m_pOutputCtx != nullptr, -1, LOG_LEVEL_ERR, "Duplicately use audioTranscoder\n");
   const int ret = avformat_alloc_output_context2(&m_pOutputCtx, nullptr, m_dst.ffMuxerName.c_str(), nullptr);
   VY_FAIL_IF(ret < 0, -1, LOG_LEVEL_ERR, "Failed to open output context, AVRet[%d]\n", ret);
-  m_pEncoding = std::make_unique<Encoding>(m_pOpaque, m_pWrite);
-  VY_FAIL_IF(!m_pEncoding->io.AllocBuffer(size), -1, LOG_LEVEL_ERR,
+  m_pEncoding.reset(new (std::nothrow) Encoding(m_pOpaque, m_pWrite));
+  VY_FAIL_IF(m_pEncoding == nullptr || !m_pEncoding->io.AllocBuffer(size), -1, LOG_LEVEL_ERR,
              "Failed to alloc output context or buffer, oc[%p], buf[%p]\n", static_cast<const void*>(m_pOutputCtx),
              static_cast<const void*>(nullptr));
   m_pOutputCtx->pb = m_pEncoding->io.Open();

@@ -32,8 +32,8 @@ class VY_API AudioTranscoder {
   // A second Init without a Close is refused and changes nothing.
   //
   // write gets opaque and size bytes of output, to be copied during the call, from within Init, DoTranscode and Close:
-  // at most 2304 bytes at a time for libmp3lame, else 2048. A negative result loses these bytes and what was to follow
-  // of the same encoded packet. Null drops the output.
+  // at most 2304 bytes at a time for libmp3lame, else 2048. A negative result fails Init; later it loses these bytes
+  // and what was to follow of the same encoded packet. Null drops the output.
   int Init(const CAM_CAP_AUDIO_OUT_FORMAT& src, const CAM_CAP_AUDIO_OUT_FORMAT& dst, void* opaque,
            int (*write)(void* opaque, unsigned char* data, int size));
 

@@ -4,14 +4,12 @@
 #include <array>
 #include <climits>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <new>
-#include <system_error>
 #include <utility>
 
 #include "platform/time.h"
-#include "utils/internal/audiofile.h"
+#include "utils/internal/inputfile.h"
 #include "utils/internal/log.h"
 #include "utils/internal/resampler.h"
 
@@ -20,6 +18,7 @@ extern "C" {
 }
 
 using mediautil::FfPtr;
+using mediautil::FilePtr;
 using mediautil::SoundShape;
 
 namespace {
@@ -41,17 +40,13 @@ constexpr std::size_t kStreamBuffer = 4096;  // bytes; decides what the header o
 constexpr int kDefaultChannels = 2;          // of a decoder that does not tell
 constexpr int kDefaultRate = 44100;
 
-struct FileCloser {
-  void operator()(FILE* p) const { std::fclose(p); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
 // --- µ-law -----------------------------------------------------------------------------------------------------------
+
+constexpr int kBias = 33;  // in 14 bits
 
 // Of a 14-bit sample.
 constexpr unsigned char EncodeUlaw(int sample) {
   constexpr int kClip = 8159;
-  constexpr int kBias = 33;
   const int mask = sample < 0 ? 0x7F : 0xFF;
   const int magnitude = std::min(sample < 0 ? -sample : sample, kClip) + kBias;
   int segment = 0;
@@ -195,9 +190,10 @@ unsigned char Linear2Ulaw(short sample) {
 }
 
 short Ulaw2Linear(unsigned char code) {
+  constexpr int kBias16 = kBias << 2;
   const int bits = code ^ 0xFF;
-  const int magnitude = (((bits & 0x0F) << 3) + 132) << ((bits & 0x70) >> 4);
-  return static_cast<short>((bits & 0x80) != 0 ? 132 - magnitude : magnitude - 132);
+  const int magnitude = (((bits & 0x0F) << 3) + kBias16) << ((bits & 0x70) >> 4);
+  return static_cast<short>((bits & 0x80) != 0 ? kBias16 - magnitude : magnitude - kBias16);
 }
 
 int GetAudioDuration(const std::string& path) {
@@ -300,8 +296,8 @@ bool IsFileNeedToTranscode(const std::string& path) {
 
 int TranscodeToG711(const std::string& srcPath, const std::string& dstPath) {
   // It would read what it writes.
-  std::error_code ignored;
-  VY_FAIL_IF(std::filesystem::equivalent(srcPath, dstPath, ignored), -1, LOG_LEVEL_ERR,
+  const mediautil::FileId srcFile = mediautil::FileOf(srcPath);
+  VY_FAIL_IF(srcFile.second != 0 && srcFile == mediautil::FileOf(dstPath), -1, LOG_LEVEL_ERR,
              "Source and destination are the same file [%s]\n", dstPath.c_str());
   std::array<char, kStreamBuffer> streamBuffer;  // the C library ignores a size without one
   FilePtr file(mediautil::IsPlainFileOrNone(dstPath) ? std::fopen(dstPath.c_str(), "a+e") : nullptr);

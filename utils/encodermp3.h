@@ -24,8 +24,9 @@ class SoundGatherer;
 // One of the two preparations, then frames, then Close; from one thread at a time. What is too little for a whole MP3
 // frame waits for the next call; at Close it is dropped, and the encoder keeps its last packets.
 //
-// Mono sound of any rate and sample format; later frames may change both. Of planar sound with more channels the first
-// one is taken; interleaved sound with more channels must be mixed down before, it is read as if it were mono.
+// Mono sound of 1000 to 768000 Hz in any sample format; later frames may change both. Of planar sound with more
+// channels the first one is taken; interleaved sound with more channels must be mixed down before, it is read as if it
+// were mono.
 class VY_API EncoderMP3 {
  public:
   EncoderMP3();

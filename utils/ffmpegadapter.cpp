@@ -26,7 +26,7 @@ void FillVideo(AVCodecParameters& par, const ESFormat& fmt) {
   par.width = static_cast<int>(fmt.video.i_width);
   par.height = static_cast<int>(fmt.video.i_height);
   par.sample_aspect_ratio = {static_cast<int>(fmt.video.i_sar_num), static_cast<int>(fmt.video.i_sar_den)};
-  par.bit_rate = static_cast<std::uint32_t>(fmt.i_bitrate);
+  par.bit_rate = static_cast<std::uint32_t>(fmt.i_bitrate);  // widened without its sign
 }
 
 void FillAudio(AVCodecParameters& par, const ESFormat& fmt) {
@@ -66,7 +66,7 @@ AVCodecParameters* FFmpegAdapter::AudioOutCodecParameters() {
   par->codec_id = AV_CODEC_ID_PCM_MULAW;
   par->format = AV_SAMPLE_FMT_S16;
   par->sample_rate = 8000;
-  av_channel_layout_default(&par->ch_layout, 2);  // two are intended
+  av_channel_layout_default(&par->ch_layout, 2);  // stereo, whatever is played
   par->bits_per_coded_sample = 8;
   return par;
 }

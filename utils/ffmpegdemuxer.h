@@ -39,7 +39,8 @@ class VY_API FFmpegDemux {
   // Unreferences pkt and reads the next packet of any stream into it. av_read_frame's result.
   int ReadFrame(AVStream*& st, AVPacket& pkt);
 
-  // Seeks on the video stream. ts: seconds from the start of the stream's time line; flags: AVSEEK_FLAG_...
+  // Seeks on the video stream. ts: seconds from the start of the stream's time line, in whole multiples of its time
+  // base's numerator; flags: AVSEEK_FLAG_...
   void Seek(long long ts, int flags);
 
   // Null without a video stream.

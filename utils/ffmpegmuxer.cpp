@@ -121,14 +121,14 @@ int FFmpegMuxer::Init(FFMPEG_MUXER_FORMAT fmt, void* opaque,
   VY_FAIL_IF(ret < 0 || m_pOutputCtx == nullptr, -1, LOG_LEVEL_ERR,
              "Failed to open ouput context, Ret[%d], oc[%p], format[%d].\n", ret,
              static_cast<const void*>(m_pOutputCtx), static_cast<int>(fmt));
+  m_pOutputCtx->opaque = const_cast<char*>(&kNoHeader);
+  m_format = fmt;
   m_pOutput = std::make_unique<Output>(IsMp4(fmt), opaque, write);
   const int size = fmt == FFMPEG_MUXER_FORMAT_MP3 ? kMp3BufferSize : kBufferSize;
   VY_FAIL_IF(!m_pOutput->io.AllocBuffer(size), -1, LOG_LEVEL_ERR, "Failed to alloc output buffer.\n");
   m_pOutputCtx->pb = m_pOutput->io.Open();
   VY_FAIL_IF(m_pOutputCtx->pb == nullptr, -1, LOG_LEVEL_ERR, "Failed to avio_alloc_context.\n");
   m_pOutputCtx->flags = AVFMT_FLAG_CUSTOM_IO;
-  m_pOutputCtx->opaque = const_cast<char*>(&kNoHeader);
-  m_format = fmt;
   return 0;
 } catch (const std::bad_alloc&) {
   return -1;
@@ -141,6 +141,7 @@ int FFmpegMuxer::AddVdoStream(const std::string& codec, int width, int height, c
   auto writer = std::make_unique<VdoStreamPriv>(m_ctrler, m_basePts, width, height);
   if (m_isHeaderWritten || writer->AddStream(codec, m_pOutputCtx, extradata, extLen) != 0) {
     VY_LOG(LOG_LEVEL_ERR, "Failed to add video stream, codec[%s], extLen[%d].\n", codec.c_str(), extLen);
+    writer.reset();
     DropFailedStream(m_pAdo.get());
     return -1;
   }
@@ -220,7 +221,8 @@ int FFmpegMuxer::WriteHeader() {
   if (IsMp4(m_format)) {
     av_dict_set(&options, "movflags", "faststart+frag_keyframe+empty_moov+default_base_moof+skip_trailer", 0);
   }
-  const int ret = m_pOutputCtx == nullptr ? AVERROR(EINVAL) : avformat_write_header(m_pOutputCtx, &options);
+  const bool isOpen = m_pOutputCtx != nullptr && m_pOutputCtx->pb != nullptr;
+  const int ret = isOpen ? avformat_write_header(m_pOutputCtx, &options) : AVERROR(EINVAL);
   av_dict_free(&options);
   VY_FAIL_IF(ret < 0, -1, LOG_LEVEL_ERR, "Error occurred when write header.\n");
   m_pOutputCtx->opaque = nullptr;

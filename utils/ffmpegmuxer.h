@@ -42,9 +42,9 @@ class VY_API MuxCtrler {
 // One output of one video stream and at most one audio stream. Init, then add the streams, WriteHeader, frames in any
 // interleaving, Finalize; then it may start over. All int results: 0, or -1 on failure. One thread uses an instance.
 //
-// Times are microseconds. The first frame of either stream is the zero of both; in each stream they always rise: a time
-// that does not is put one tick behind the one before. A first time of 0 or less moves the zero once more to that of
-// the next frame.
+// Times are microseconds and should begin with 1. The first frame of either stream is the zero of both; in each stream
+// they always rise: a time that does not is put one tick behind the one before. As long as a first time is 0 or less,
+// the zero moves to that of the next frame.
 class VY_API FFmpegMuxer {
  public:
   // The policy must outlive the muxer.
@@ -55,18 +55,19 @@ class VY_API FFmpegMuxer {
 
   // write gets opaque and size bytes of output, to be copied during the call, from within WriteHeader, the frame writes
   // and Finalize. Any result from 0 on counts as all taken; a negative one fails this write and all later ones without
-  // another call. Null drops the output. A failed Init needs a Finalize before the next one.
+  // another call, except that WriteHeader may still succeed. Null drops the output. A failed Init needs a Finalize
+  // before the next one.
   int Init(FFMPEG_MUXER_FORMAT fmt, void* opaque, int (*write)(void* opaque, unsigned char* data, int size));
 
   // codec: "H264", "AVC1", "H265", "MP4V-ES" or "JPEG". extradata: codec configuration data, copied; for H.264 and
-  // H.265 either parameter sets with start codes, for frames with start codes, or an avcC or hvcC box, for frames with
-  // length prefixes. Without it the stream is accepted, but players cannot open H.264 or H.265.
+  // H.265 either parameter sets with start codes, for frames with start codes, or what an avcC or hvcC box holds, for
+  // frames with length prefixes. Without it the stream is accepted, but players cannot open H.264 or H.265.
   int AddVdoStream(const std::string& codec, int width, int height, const unsigned char* extradata, int extLen);
 
-  // info: "channels|rate" or "channels|rate|extra"; the extra of G.726 starts with its kbit/s. codec: a name in
-  // session-description spelling, in any case. bG726LE chooses the little-endian G.726. AAC (ADTS, or raw) is copied,
-  // other sound is encoded to the policy's codec: 32000 Hz, mono, 32000 bit/s. A stream that failed to be added leaves
-  // the other one usable.
+  // info: "channels|rate" or "channels|rate|extra"; the extra of G.726 is its kbit/s: 40, 32, 24 or 16, none counts as
+  // 40. codec: a name in session-description spelling, in any case; for MPA, AC3, L8 and SPEEX there is no decoder.
+  // bG726LE chooses the little-endian G.726. AAC-LC (ADTS, or raw) is copied, other sound is encoded to the policy's
+  // codec: 32000 Hz, mono, 32000 bit/s. A stream that failed to be added leaves the other one usable.
   int AddAdoStream(const std::string& info, const std::string& codec, bool bG726LE);
 
   // No stream can be added afterwards. After a failure Finalize and start over.

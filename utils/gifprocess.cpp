@@ -35,8 +35,8 @@ namespace {
 constexpr LOG_CATEG kLogCategory = LOG_CATEG_MEDIA;
 
 constexpr AVPixelFormat kPixels = AV_PIX_FMT_BGRA;
-constexpr int kMaxSide = 640;
-constexpr int kMaxDelay = 65535;
+constexpr int kMaxSide = 640;     // pixels
+constexpr int kMaxDelay = 65535;  // hundredths of a second
 constexpr int kDefaultDelayMs = 1000;
 constexpr const char* kColours = "split[o1][o2];[o1]palettegen[p];[o2][p]paletteuse";
 

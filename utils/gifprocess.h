@@ -46,8 +46,9 @@ class VY_API GifProcess {
 
   // Writes the GIF: a file at the path, or what FFmpeg opens for writing, such as "pipe:1". Without any picture it has
   // a header and an end, 14 bytes. A file with content that stood there, also behind a symbolic link, is replaced
-  // when the new one is whole, and its permissions stay; where the directory cannot be written it is overwritten. 0, or
-  // -1; a file that could not be finished is removed. May be called again, after more pictures or a failure.
+  // when the new one is whole, and its owner and permissions stay as far as may be; one that cannot be replaced is
+  // overwritten. 0, or -1; a file that could not be finished is removed. May be called again, after more pictures or a
+  // failure.
   int Process();
 
  private:

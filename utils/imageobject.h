@@ -22,7 +22,7 @@ class VY_API ImageObject {
   // The picture as it stands.
   unsigned int GetWidth() const { return m_width; }
   unsigned int GetHeight() const { return m_height; }
-  unsigned int GetLength() const { return m_length; }  // bytes in use, 3 x width x height
+  unsigned int GetLength() const { return m_length; }  // bytes in use: 3 x width x height, or as LoadFromRGB was told
   unsigned char* GetImage() const { return m_image; }  // null when empty
   bool IsEmpty() const { return m_image == nullptr; }
 
@@ -34,6 +34,7 @@ class VY_API ImageObject {
   // size: bytes in rgb. Taken as given: a picture whose rows do not fit in size is refused where it is used.
   int LoadFromRGB(const unsigned char* rgb, unsigned int size, unsigned int width, unsigned int height);
   // One coded frame; video types and extradata as in DoFFMpegInitVideo. A width or height of 0 takes the decoded one.
+  // Decoded sides below 17 pixels and results over 64 megapixels fail.
   int LoadFromMPEG(int vdoType, const unsigned char* extradata, unsigned int extradataSize, const unsigned char* data,
                    unsigned int size, unsigned int width, unsigned int height);
 
@@ -63,7 +64,8 @@ class VY_API ImageObject {
 // box covered. -1 for an image without a size.
 VY_API int GetThumbnailSize(const ImageObject& image, int& width, int& height, bool large);
 
-// Scales to that size and compresses. The caller releases jpeg with delete[].
+// Scales to that size, the box's own for an image without a size, and compresses. 0, and the caller releases jpeg with
+// delete[]; or -1 with jpeg null and size 0.
 VY_API int CompressImgToJPEG(const ImageObject& image, unsigned char*& jpeg, unsigned int& size, int& width,
                              int& height, bool large);
 VY_API int CompressImgToJPEG(const ImageObject& image, unsigned char*& jpeg, unsigned int& size, bool large);

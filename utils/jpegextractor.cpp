@@ -7,8 +7,8 @@
 #include <climits>
 #include <cstdio>
 
-#include "utils/internal/audiofile.h"
 #include "utils/internal/ffmpegptr.h"
+#include "utils/internal/inputfile.h"
 #include "utils/internal/log.h"
 #include "utils/mpeg4util.h"
 
@@ -30,22 +30,19 @@ class SharedFileLock {
  public:
   explicit SharedFileLock(const std::string& path)
       : m_file(mediautil::IsPlainFileOrNone(path) ? std::fopen(path.c_str(), "rbe") : nullptr) {
-    if (m_file != nullptr) {
-      while (flock(fileno(m_file), LOCK_SH) != 0 && errno == EINTR) {
-      }
+    while (m_file != nullptr && flock(fileno(m_file.get()), LOCK_SH) != 0 && errno == EINTR) {
     }
   }
   ~SharedFileLock() {
     if (m_file != nullptr) {
-      flock(fileno(m_file), LOCK_UN);
-      std::fclose(m_file);
+      flock(fileno(m_file.get()), LOCK_UN);  // a child process may hold the same open file
     }
   }
   SharedFileLock(const SharedFileLock&) = delete;
   SharedFileLock& operator=(const SharedFileLock&) = delete;
 
  private:
-  std::FILE* m_file;
+  mediautil::FilePtr m_file;
 };
 
 // The first Motion JPEG stream, or -1.
@@ -182,6 +179,6 @@ int JpegExtractor::GetTimeMS(int index) {
   if (index < 0 || m_info.frameRate <= 0) {
     return -1;
   }
-  const std::uint32_t product = static_cast<std::uint32_t>(index) * kMsPerSecond;
+  const auto product = static_cast<std::int32_t>(static_cast<std::uint32_t>(index) * kMsPerSecond);
   return Truncated(product / static_cast<double>(m_info.frameRate));
 }

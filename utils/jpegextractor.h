@@ -38,14 +38,15 @@ class VY_API JpegExtractor {
 
   // Copies the JPEG of frame index into buffer. size: bytes that fit into it, then bytes of the JPEG. 0, or 1: with
   // size 0 when the JPEG does not fit, with size as it was for an index beyond the end or a file that cannot be read.
-  // The frame is sought by its time, in whole ticks of the file: at an uneven frame rate it may be a neighbour.
+  // The frame is sought at index times the whole ticks of one frame: where the file's ticks do not divide a frame's
+  // time, an earlier frame comes, by the dropped fraction of index.
   int ReadFrame(unsigned int index, unsigned char* buffer, unsigned int& size);
 
   // The frame shown at a time, in milliseconds; may be beyond the last one. -1 for a negative time.
   int GetFrameIdx(int timeMs);
 
-  // The time of a frame in milliseconds; -1 for a negative index and without a frame rate. Wraps to small times above
-  // index 4294967.
+  // The time of a frame in milliseconds; -1 for a negative index and without a frame rate. Above index 2147483 it wraps
+  // to negative and small times.
   int GetTimeMS(int index);
 
  private:

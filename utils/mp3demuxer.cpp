@@ -7,7 +7,7 @@
 
 #include "platform/time.h"
 #include "utils/audioutil.h"
-#include "utils/internal/audiofile.h"
+#include "utils/internal/inputfile.h"
 #include "utils/internal/log.h"
 
 extern "C" {
@@ -46,6 +46,7 @@ void DemuxMp3::Close() {
   m_frameRate = 1.0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is fixed
 int DemuxMp3::Open(std::string path, ESFormat& fmt) {
   Close();
   AVFormatContext* opened = nullptr;

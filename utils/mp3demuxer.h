@@ -28,9 +28,9 @@ class VY_API DemuxMp3 {
   DemuxMp3(const DemuxMp3&) = delete;
   DemuxMp3& operator=(const DemuxMp3&) = delete;
 
-  // Opens a file's best audio stream and describes it as GetAdoFmt does (audioutil.h); fmt's old p_extra is freed. 0;
-  // or -1 with fmt unchanged and nothing open. What GetAVFormat refuses is refused. A file that was open is closed
-  // first.
+  // Opens a file's best audio stream and describes it as GetAdoFmt does (audioutil.h); fmt's old p_extra is freed. The
+  // file should hold sound only: the packets of all its streams go to the decoder. 0; or -1 with fmt unchanged and
+  // nothing open. What GetAVFormat refuses is refused. A file that was open is closed first.
   int Open(std::string path, ESFormat& fmt);
 
   // Decodes the file and hands every frame to Process, blocking for the playing time; without a handler decodes only.

@@ -349,6 +349,7 @@ int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& buffer, int& bufferSize, int
   }
   const bool isNew = ReplaceSmallBuffer(buffer, bufferSize, needed);
   if (buffer == nullptr) {
+    av_frame_unref(attr.pOutFrame);  // the buffer that it lay over is gone
     return 0;
   }
   if (isNew || !mediautil::LiesOver(attr.pOutFrame, buffer, bufferSize, format, width, height)) {
@@ -485,6 +486,7 @@ int DoFFMpegGetScaledFrame(int vdoType, const unsigned char* extradata, int extr
              LOG_LEVEL_NOTE, "FFmpeg decode failed.\n");
 
   mediautil::Size wanted = mediautil::FitLongestSide({picture.width, picture.height}, maxSide);
+  VY_FAIL_IF(wanted.width < 1 && wanted.height < 1, -1, LOG_LEVEL_NOTE, "FFmpeg convert failed.\n");
   const int ret =
       DoFFMpegScale(attr, session.buffer, session.bufferSize, wanted.width, wanted.height, AV_PIX_FMT_RGB24);
   VY_FAIL_IF(ret != 0 || attr.pOutFrame->width < 1, -1, LOG_LEVEL_NOTE, "FFmpeg convert failed.\n");
@@ -495,6 +497,7 @@ int DoFFMpegGetScaledFrame(int vdoType, const unsigned char* extradata, int extr
   return 0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is fixed
 int DoFFMpegGetJpeg(AVFrame* frame, unsigned char** jpeg, int* jpegSize, int quality, std::string privacyRegion) {
   if (frame == nullptr || jpeg == nullptr || jpegSize == nullptr) {
     return -1;
@@ -557,6 +560,7 @@ int GetPrivacyRegionFrame(AVFrame** output, const std::string& privacyRegion, in
   *output = mask.release();
   return 0;
 } catch (const std::bad_alloc&) {
+  VY_LOG(LOG_LEVEL_ERR, "GetPrivacyRegionFrame, failed to allocate buffer for AVFrame.\n");
   return -1;
 }
 

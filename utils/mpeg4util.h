@@ -1,5 +1,5 @@
 // Media core: logging and FFmpeg lock, video decoder session, conversion and JPEG snapshot, privacy mask and overlay,
-// crop.
+// crop, stream formats, audio decoder session.
 #pragma once
 
 #include <string>
@@ -90,8 +90,8 @@ VY_API bool IsDecodeFrameMissRef(const AVFrame* frame);
 // Converts the picture decoded last into buffer; its rows lie as pOutFrame says, packed in a new buffer. width and
 // height: pixels; when neither is above 0 the picture's own, when one is not it follows from the other; both are
 // written back. A buffer that is null or smaller than needed is replaced (av_malloc, av_free) and bufferSize updated;
-// the caller releases it with av_free. Returns 0 always: without a picture, or for an impossible format or size, the
-// buffer keeps its contents.
+// the caller releases it with av_free. Returns 0 always. Without a picture, or for an impossible format or size, a
+// buffer that is large enough keeps its contents and a new one is all zeros; without memory buffer is null.
 VY_API int DoFFMpegScale(FFmpegAttr& attr, unsigned char*& buffer, int& bufferSize, int& width, int& height,
                          AVPixelFormat format);
 
@@ -142,7 +142,7 @@ VY_API unsigned int DoFFMpegGetDuration(const std::string& path);
 VY_API int GetPrivacyRegionFrame(AVFrame** output, const std::string& privacyRegion, int width, int height);
 
 // Lays top over base, both RGBA and of one size, blended by top's alpha, and converts the result to format, which must
-// not be RGBA. The inputs stay unchanged. 0, or -1. The caller releases *output with av_frame_free.
+// not be RGBA. The inputs stay unchanged. 0, or -1 with *output null. The caller releases *output with av_frame_free.
 VY_API int DoFFMpegOverlayTwoImage(AVFrame* base, AVFrame* top, AVFrame** output, AVPixelFormat format);
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -194,6 +194,7 @@ VY_API int DoFFMpegInitAudio(FFmpegAttr& attr, const ESFormat& fmt);
 // with several coded frames the first one comes out, the others are decoded and dropped. The buffer is only read.
 VY_API int DoFFMpegDecodeAudio(FFmpegAttr& attr, unsigned char* data, int size);
 
-// Describes an AAC stream that is copied into a container: parameters and configuration data, derived from rate and
-// channel count; a count that AAC cannot name counts as 1. 0, or -1 for no AAC, or for a rate that AAC does not have.
+// Describes an AAC stream that is copied into a container: time base, parameters and configuration data, derived from
+// rate and channel count; a count that AAC cannot name counts as 1. 0, or -1 for no AAC, or for a rate that AAC does
+// not have.
 VY_API int FillAACRemuxInfo(AVStream* stream, const ESFormat& fmt);

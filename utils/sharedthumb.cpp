@@ -222,7 +222,11 @@ SharedThumb::SharedThumb(int cameraId, CAM_PROFILE_TYPE (Camera::*profileGetter)
     : m_maxAge(maxAge) {
   Camera camera;
   const bool isLoaded = profileGetter != nullptr && Guarded([&] { return camera.Load(cameraId, 0, 0); }) == 0;
-  VY_FAIL_IF(!isLoaded, , LOG_LEVEL_ERR, "Failed to load Cam[%d]\n", cameraId);
+  if (!isLoaded) {
+    VyPrintf(LOG_TYPE_DEFAULT, nullptr, nullptr, mediautil::kSourcePath.data(), __LINE__, __func__,
+             "Failed to load Cam[%d]\n", cameraId);
+    return;
+  }
   *this = SharedThumb(camera, (camera.*profileGetter)(), maxAge);
 }
 
@@ -232,7 +236,7 @@ SharedThumb::SharedThumb(const Camera& camera, CAM_PROFILE_TYPE profile, unsigne
       m_videoType(camera.videoType),
       m_maxAge(maxAge) {}
 
-int SharedThumb::GetThumb(std::pair<std::unique_ptr<unsigned char[]>, unsigned int>& out) const {
+int SharedThumb::GetThumb(Bytes& out) const {
   out = Bytes();
   if (m_cameraId < 1 || m_streamNo < 0) {
     return -1;
@@ -252,9 +256,9 @@ int SharedThumb::GetBase64Thumb(std::string& out) const {
   });
 }
 
-int GetSharedThumb(const Camera& camera, std::pair<std::unique_ptr<unsigned char[]>, unsigned int>& out) {
+int GetSharedThumb(const Camera& camera, SharedThumb::Bytes& out) {
   constexpr unsigned int kMaxAge = 1;  // seconds
-  out = Bytes();
+  out = SharedThumb::Bytes();
   VY_FAIL_IF(camera.id < 1, -1, LOG_LEVEL_ERR, "Failed to get thumb since cam is not loaded. Cam Id: [%d]\n",
              camera.id);
   VY_FAIL_IF(SharedThumb(camera, camera.GetLiveProfile(), kMaxAge).GetThumb(out) != 0, -1, LOG_LEVEL_ERR,

@@ -29,7 +29,7 @@ class VY_API SharedThumb {
   // The JPEG, of thumbnail size (GetThumbnailSize). What out held is released first. 0, or -1 with out empty: no such
   // camera, no live stream, no picture in it, or the cache cannot be locked or read. A picture that cannot be written
   // into the cache is still handed out.
-  int GetThumb(std::pair<std::unique_ptr<unsigned char[]>, unsigned int>& out) const;
+  int GetThumb(Bytes& out) const;
 
   // The same as base64 text, empty on failure.
   int GetBase64Thumb(std::string& out) const;
@@ -43,4 +43,4 @@ class VY_API SharedThumb {
 
 // The live stream's picture of a loaded camera, made less than a second ago from the newest key frame, for MJPEG from
 // the newest frame. 0, or -1 with out empty.
-VY_API int GetSharedThumb(const Camera& camera, std::pair<std::unique_ptr<unsigned char[]>, unsigned int>& out);
+VY_API int GetSharedThumb(const Camera& camera, SharedThumb::Bytes& out);

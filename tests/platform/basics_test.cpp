@@ -39,14 +39,8 @@ TEST(TimeTest, USecToSecTruncates) {
 }
 
 TEST(TimeTest, DifferenceNeverOverflows) {
-  const std::tuple<long, long, long> cases[] = {{3, 5, 2},
-                                                {-3, 5, 8},
-                                                {7, 7, 0},
-                                                {LONG_MIN, LONG_MIN, 0},
-                                                {LONG_MIN, -1, LONG_MAX},
-                                                {LONG_MIN, 0, LONG_MAX},
-                                                {LONG_MIN, LONG_MAX, LONG_MAX},
-                                                {0, LONG_MAX, LONG_MAX}};
+  const long cases[][3] = {
+      {-3, 5, 8}, {7, 7, 0}, {LONG_MIN, -1, LONG_MAX}, {LONG_MIN, 0, LONG_MAX}, {LONG_MIN, LONG_MAX, LONG_MAX}};
   for (const auto& [a, b, difference] : cases) {
     EXPECT_EQ(GetAbsTimeDiffBySec(a, b), difference) << a << " " << b;
     EXPECT_EQ(GetAbsTimeDiffBySec(b, a), difference) << a << " " << b;

@@ -19,11 +19,6 @@ int Write(const std::string& bytes, const std::string& path, bool sync = false) 
   return WriteContentFromBufToFile(bytes.data(), static_cast<unsigned int>(bytes.size()), sync, path);
 }
 
-unsigned int ModeOf(const std::string& path) {
-  struct stat info = {};
-  return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-}
-
 int CountEntries(const std::string& dir) {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator(dir), {}));
 }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +40,12 @@ inline std::string ReadFile(const std::string& path) {
 
 inline void WriteFile(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// The permissions of a file, of a link its own; 0 without one.
+inline unsigned int ModeOf(const std::string& path) {
+  struct stat info = {};
+  return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
 // Starts a process that runs the function and exits with its result.

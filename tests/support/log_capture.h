@@ -26,7 +26,7 @@ class LogCapture {
   // The library's messages so far; FFmpeg's own are kept apart.
   std::vector<LogLine> Lines() const;
   std::vector<LogLine> FfmpegLines() const;
-  // "ERR|text" of each line, newlines included.
+  // "1|text" of each line: the number of its level, then the message, newlines included.
   ::Messages Messages() const;
   std::string Text() const;  // the messages in one
   void Clear();

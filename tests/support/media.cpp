@@ -105,9 +105,7 @@ AVStream* AddSilence(AVFormatContext* oc, int rate) {
 // Times in ticks of timeBase.
 void WritePacket(AVFormatContext* oc, const AVStream* st, const CodedFrame& frame, std::int64_t dts,
                  std::int64_t duration, AVRational timeBase) {
-  const FfPtr<AVPacket> packet(av_packet_alloc());
-  Require(av_new_packet(packet.get(), static_cast<int>(frame.data.size())) >= 0, "packet");
-  std::copy(frame.data.begin(), frame.data.end(), packet->data);
+  const FfPtr<AVPacket> packet(MakePacket(frame.data));
   packet->stream_index = st->index;
   packet->flags = frame.key ? AV_PKT_FLAG_KEY : 0;
   packet->pts = frame.pts;
@@ -181,15 +179,27 @@ Bytes MxpegKeyFrame(int width, int height) {
   return frame;
 }
 
-FfPtr<AVCodecParameters> ParametersOf(const Clip& clip) {
+FfPtr<AVCodecParameters> NewParameters(AVMediaType type, AVCodecID id, const Bytes& extradata) {
   FfPtr<AVCodecParameters> par(avcodec_parameters_alloc());
-  par->codec_type = AVMEDIA_TYPE_VIDEO;
-  par->codec_id = clip.codecId;
+  par->codec_type = type;
+  par->codec_id = id;
+  par->extradata = mediautil::CopyPadded(extradata.data(), static_cast<int>(extradata.size()));
+  par->extradata_size = static_cast<int>(extradata.size());
+  return par;
+}
+
+FfPtr<AVCodecParameters> ParametersOf(const Clip& clip) {
+  FfPtr<AVCodecParameters> par = NewParameters(AVMEDIA_TYPE_VIDEO, clip.codecId, clip.extradata);
   par->width = clip.width;
   par->height = clip.height;
-  par->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
-  par->extradata_size = static_cast<int>(clip.extradata.size());
   return par;
+}
+
+AVPacket* MakePacket(const Bytes& data) {
+  FfPtr<AVPacket> packet(av_packet_alloc());
+  Require(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
+  std::copy(data.begin(), data.end(), packet->data);
+  return packet.release();
 }
 
 void WriteFile(const Clip& clip, const std::string& path, int audioRate) {

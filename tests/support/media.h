@@ -44,7 +44,11 @@ mediautil::FfPtr<AVFrame> SolidRgb(int width, int height, std::uint8_t r, std::u
 // Encodes the test picture, 25 frames a second.
 Clip EncodeClip(const ClipWish& wish);
 
+mediautil::FfPtr<AVCodecParameters> NewParameters(AVMediaType type, AVCodecID id, const Bytes& extradata);
 mediautil::FfPtr<AVCodecParameters> ParametersOf(const Clip& clip);
+
+// A packet of those bytes, which the caller frees.
+AVPacket* MakePacket(const Bytes& data);
 
 // A baseline JPEG of the test picture as an MxPEG key frame, with the changed-blocks mask of such cameras.
 Bytes MxpegKeyFrame(int width, int height);

@@ -2,10 +2,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <csignal>
-
+#include "tests/support/fulldisk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readback.h"
 #include "tests/support/tempdir.h"
@@ -20,26 +18,6 @@ inline const SoundClip& High() {
   static const SoundClip clip = EncodeTone({"pcm_mulaw", 8000, 1, 4, 1000, 0, 0.25});
   return clip;
 }
-
-// A disk on which no file gets longer than that; -1 for any length.
-class FullDisk {
- public:
-  explicit FullDisk(int bytes) : m_before(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &m_limit);
-    const rlimit full = {static_cast<rlim_t>(bytes), m_limit.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &full);
-  }
-  ~FullDisk() {
-    setrlimit(RLIMIT_FSIZE, &m_limit);
-    std::signal(SIGXFSZ, m_before);
-  }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  void (*m_before)(int);
-  rlimit m_limit = {};
-};
 
 // A mixer, its log and its files.
 struct Mixing {

@@ -93,21 +93,10 @@ SoundClip EncodeTone(const SoundWish& wish) {
 }
 
 FfPtr<AVCodecParameters> ParametersOf(const SoundClip& clip) {
-  FfPtr<AVCodecParameters> par(avcodec_parameters_alloc());
-  par->codec_type = AVMEDIA_TYPE_AUDIO;
-  par->codec_id = clip.codecId;
+  FfPtr<AVCodecParameters> par = NewParameters(AVMEDIA_TYPE_AUDIO, clip.codecId, clip.extradata);
   par->sample_rate = clip.rate;
   av_channel_layout_default(&par->ch_layout, clip.channels);
-  par->extradata = mediautil::CopyPadded(clip.extradata.data(), static_cast<int>(clip.extradata.size()));
-  par->extradata_size = static_cast<int>(clip.extradata.size());
   return par;
-}
-
-AVPacket* MakePacket(const Bytes& data) {
-  FfPtr<AVPacket> packet(av_packet_alloc());
-  Require(av_new_packet(packet.get(), static_cast<int>(data.size())) >= 0, "packet");
-  std::copy(data.begin(), data.end(), packet->data);
-  return packet.release();
 }
 
 std::string WriteFile(const std::vector<SoundClip>& clips, const std::string& path) {

@@ -39,9 +39,6 @@ SoundClip EncodeTone(const SoundWish& wish);
 
 mediautil::FfPtr<AVCodecParameters> ParametersOf(const SoundClip& clip);
 
-// A packet of those bytes, which the caller frees.
-AVPacket* MakePacket(const Bytes& data);
-
 // Writes a file of the container that its name asks for, with a track of each clip. Returns the path.
 std::string WriteFile(const std::vector<SoundClip>& clips, const std::string& path);
 

@@ -41,24 +41,6 @@ std::size_t ThreadCount() {
 
 }  // namespace
 
-TEST(Threads, DecodersOpenAndCloseAtOnce) {
-  const Clip clips[] = {EncodeClip({"libx264", 64, 48, 2}), EncodeClip({"mjpeg", 64, 48, 2})};
-  std::atomic<int> pictures{0};
-  OnThreads([&](int n) {
-    const Clip& clip = clips[n % 2];
-    for (int round = 0; round < 4; ++round) {
-      FFmpegAttr attr = {};
-      unsigned char* buffer = nullptr;
-      ASSERT_EQ(DoFFMpegInitVideo(attr, n % 2 == 0 ? 3 : 1, nullptr, 0), 0);
-      const Bytes& data = clip.frames[0].data;
-      pictures += DoFFMpegDecode(attr, data.data(), static_cast<int>(data.size())) == 0 ? 1 : 0;
-      EXPECT_EQ(DoFFMpegResetContext(attr), 0);
-      DoFFMpegFree(attr, buffer);
-    }
-  });
-  EXPECT_EQ(pictures, kThreads * 4);
-}
-
 TEST(Threads, SnapshotsAreThoseOfOneThread) {
   const Bytes key = EncodeClip({"libx264", 160, 120, 1}).frames[0].data;
   const auto snapshot = [&key] {

@@ -3,15 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cmath>
-#include <csignal>
 #include <cstring>
 
+#include "tests/support/fulldisk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readback.h"
 #include "tests/support/sound.h"
@@ -208,12 +207,10 @@ TEST_F(AudioUtil, Refusals) {
   EXPECT_EQ(Why(AppendWavHeader(large)), "1|File is too large [" + large + "]!\n");
   EXPECT_EQ(std::filesystem::file_size(large), INT_MAX + 1ULL);
   Save(out, {'o', 'l', 'd'});
-  rlimit limit = {40, RLIM_INFINITY};  // no room for the header
-  std::signal(SIGXFSZ, SIG_IGN);
-  setrlimit(RLIMIT_FSIZE, &limit);
-  EXPECT_EQ(AppendWavHeader(out), -1);
-  limit.rlim_cur = RLIM_INFINITY;
-  setrlimit(RLIMIT_FSIZE, &limit);
+  {
+    const FullDisk limit(40);  // no room for the header
+    EXPECT_EQ(AppendWavHeader(out), -1);
+  }
   EXPECT_EQ(ReadBytes(out), (Bytes{'o', 'l', 'd'}));
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(dir.Path());

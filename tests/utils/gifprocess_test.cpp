@@ -1,12 +1,11 @@
 #include "utils/gifprocess.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <climits>
-#include <csignal>
 
+#include "tests/support/fulldisk.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readback.h"
 #include "tests/support/tempdir.h"
@@ -223,15 +222,7 @@ TEST(GifProcess, FailedWritingIsToldAndCanBeRepeated) {
   // A disk that is full after some bytes: what stood there stays, what did not is not begun.
   SaveBytes(gif.path, "old", 3);
   {
-    rlimit limit = {};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    const auto before = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit small = {1000, limit.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &small);
-    const mediautil::ScopeExit restore([&] {
-      setrlimit(RLIMIT_FSIZE, &limit);
-      std::signal(SIGXFSZ, before);
-    });
+    const FullDisk disk(1000);
     std::filesystem::create_symlink(gif.path, gif.dir.Path("link.gif"));
     for (const std::string& path : {gif.path, gif.dir.Path("link.gif"), gif.dir.Path("new.gif")}) {
       fails(path, {"1|Write gif tail fail\n"});

@@ -114,15 +114,13 @@ TEST(ImageObject, Resize) {
   EXPECT_EQ(At(source, 127, 95), 0x4D4D4DU);
 }
 
-TEST(ImageObject, FromEveryVideoType) {
+TEST(ImageObject, FromCodedFrames) {
   Clip mxpeg;
   mxpeg.frames = {{MxpegKeyFrame(322, 180), 0, true}};
   const std::pair<int, Clip> cases[] = {{1, EncodeClip({"mjpeg", 322, 180, 1})},
-                                        {2, EncodeClip({"mpeg4", 322, 180, 1})},
                                         {3, EncodeClip({"libx264", 322, 180, 8, 3})},
                                         {5, mxpeg},
                                         {6, EncodeClip({"libx265", 322, 180, 8, 3, true})},
-                                        {7, EncodeClip({"libx264", 322, 180, 1})},
                                         {8, EncodeClip({"libx265", 322, 180, 1})}};
   for (const auto& [vdoType, clip] : cases) {
     LogCapture log;
@@ -167,7 +165,7 @@ TEST(ImageObject, FrameFailures) {
   }
   EXPECT_EQ(image.LoadFromMPEG(3, nullptr, 0, nullptr, 10, 0, 0), -1);
   EXPECT_EQ(image.LoadFromMPEG(3, nullptr, 0, key.frames[0].data.data(), 4294967295U, 0, 0), -1);
-  EXPECT_EQ(LoadFrame(image, 3, EncodeClip({"libx264", 18, 18, 1})), 0);
+  EXPECT_EQ(LoadFrame(image, 1, EncodeClip({"mjpeg", 17, 17, 1})), 0);
 }
 
 TEST(ImageObject, PrivacyRegionsArePaintedOnEveryLoad) {

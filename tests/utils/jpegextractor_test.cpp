@@ -114,8 +114,14 @@ TEST(JpegExtractor, BufferOfTheCaller) {
 TEST(JpegExtractor, Times) {
   const std::tuple<const char*, std::vector<std::array<int, 3>>> cases[] = {
       {"a.avi", {{1000, 25, 40000}, {25, 0, 1000}, {1039, 25, 41560}, {1040, 26, 41600}, {-1, -1, -1}}},
-      {"a.avi", {{0, 0, 0}, {4294968, 107374, 28}, {INT_MAX, 53687091, 171798651}, {INT_MIN, -1, -1}}},
-      {"cover.mp4", {{INT_MAX, INT_MAX, 47721}}},
+      {"a.avi",
+       {{0, 0, 0},
+        {2147483, 53687, 85899320},
+        {2147484, 53687, -85899331},
+        {4294968, 107374, 28},
+        {INT_MAX, 53687091, -40},
+        {INT_MIN, -1, -1}}},
+      {"cover.mp4", {{INT_MAX, INT_MAX, 0}}},
       {"sound.wav", {{1000, 0, -1}}},
       {"text.avi", {{1000, 0, -1}}}};
   for (const auto& [name, rows] : cases) {

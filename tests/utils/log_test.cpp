@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <climits>
+#include <functional>
 #include <thread>
 
 #include "tests/support/log_capture.h"
@@ -55,6 +56,8 @@ TEST(Log, MessageCarriesTextsPathLineAndFunction) {
   EXPECT_EQ(written.categ + written.level + written.path + written.function, "MEDIA3utils/log_testTestBody");
   EXPECT_EQ(written.line, line);
   EXPECT_EQ(written.text, "7 x\n");
+  EXPECT_STREQ(Enum2String(static_cast<LOG_CATEG>(99)), "unknown");
+  EXPECT_STREQ(Enum2String(static_cast<LOG_LEVEL>(2)), "unknown");
   EXPECT_EQ(log.Lines()[1].path + log.Lines()[1].function, "utils/mpeg4utilDoFFmpegConvertFrameFormat");
   log.cfg.categLevel[LOG_CATEG_MEDIA] = 3;
   int evaluated = 0;
@@ -96,20 +99,26 @@ TEST(FfmpegLock, FreesAndNullsAndNullTakesNoLock) {
 TEST(FfmpegLock, WrappersWaitForIt) {
   LockAVCodecRegister();
   LockAVFilterRegister();
-  std::atomic<int> done{0};
-  g_FFMpegThreadLock.Lock();
-  std::thread opens([&done] {
-    LockAVCodecRegister();  // both registered: no lock taken
-    LockAVFilterRegister();
-    done += 1;
-    AVCodecContext* ctx = avcodec_alloc_context3(nullptr);
-    LockAVCodecOpen(ctx, avcodec_find_decoder(AV_CODEC_ID_MJPEG), nullptr);
-    LockAVCodecFreeContext(ctx);
-    done += 1;
-  });
-  while (done == 0) usleep(1000);
-  usleep(50000);
-  EXPECT_EQ(done, 1);
-  g_FFMpegThreadLock.Unlock();
-  opens.join();
+  AVCodecContext* ctx = avcodec_alloc_context3(nullptr);
+  AVFormatContext* container = avformat_alloc_context();
+  const std::function<void()> calls[] = {
+      [&] { LockAVCodecOpen(ctx, avcodec_find_decoder(AV_CODEC_ID_MJPEG), nullptr); }, [&] { LockAVCodecClose(ctx); },
+      [&] { LockAVCodecFreeContext(ctx); }, [&] { LockAVFormatFreeContext(container); }};
+  for (const auto& call : calls) {
+    std::atomic<int> steps{0};
+    g_FFMpegThreadLock.Lock();
+    std::thread caller([&] {
+      LockAVCodecRegister();  // both registered: no lock taken
+      LockAVFilterRegister();
+      steps += 1;
+      call();
+      steps += 1;
+    });
+    while (steps == 0) usleep(1000);
+    usleep(20000);
+    EXPECT_EQ(steps, 1) << &call - calls;
+    g_FFMpegThreadLock.Unlock();
+    caller.join();
+    EXPECT_EQ(steps, 2);
+  }
 }

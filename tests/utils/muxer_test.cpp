@@ -251,7 +251,7 @@ TEST(Muxer, BadFrames) {
   EXPECT_EQ(out.muxer.WriteVdoFrame(&byte, INT_MIN, 1, true), -1);
   EXPECT_EQ(log.Messages(), Messages(3, "1|Error while writing video frame\n"));
   for (unsigned int i = 0; i < 200; ++i) {  // any bytes may be written
-    out.Video({RandomBytes(1 + i * 7 % 300, i % 3 == 0 ? 2 : 256), 0, i % 7 == 0}, i * 40000LL);
+    EXPECT_EQ(out.Video({RandomBytes(1 + i * 7 % 300, i % 3 == 0 ? 2 : 256), 0, i % 7 == 0}, 1 + i * 40000LL), 0) << i;
   }
 }
 

@@ -124,6 +124,7 @@ TEST(ScaledFrame, LongestSideRule) {
 
 TEST(ScaledFrame, Messages) {
   const Bytes key = EncodeClip({"libx264", 320, 240, 1}).frames[0].data;
+  const Bytes both = EncodeClip({"libx264", 720, 480, 1}).frames[0].data;
   const Bytes garbage(500, 0x11);
   const struct {
     int vdoType;
@@ -133,7 +134,8 @@ TEST(ScaledFrame, Messages) {
   } cases[] = {{4, key, 0, -1, {"1|Wrong video type. [4]\n", "4|FFmpeg init failed.\n"}},
                {3, garbage, 0, -1, {"4|FFmpeg decode failed.\n"}},
                {3, key, 160, 0, {"4|Scale from [320x240] to [160x120]\n"}},
-               {3, key, 1, -1, {"4|FFmpeg convert failed.\n"}}};  // the other side truncates to no pixel at all
+               {3, key, 1, -1, {"4|FFmpeg convert failed.\n"}},  // the other side truncates to no pixel at all
+               {3, both, 1, -1, {"4|FFmpeg convert failed.\n"}}};
   for (const auto& c : cases) {
     LogCapture log;
     AVFrame* frame = nullptr;
@@ -171,14 +173,15 @@ TEST(Jpeg, OfOneCodedFrame) {
 TEST(Jpeg, CapacityIsAFifthOfThePictureWithinBounds) {
   LogCapture log;
   // Noise: all of it at quality 100, where 24576 bytes are room enough; 0.19 of it at 70, 0.23 at 80.
-  const int cases[][4] = {{16, 16, 100, 0}, {96, 96, 100, 0}, {320, 240, 70, 0}, {320, 240, 80, -1}};
+  const int cases[][4] = {
+      {16, 16, 100, 0}, {96, 96, 100, 0}, {320, 240, 70, 0}, {320, 240, 80, -1}, {4000, 2400, 70, -1}};
   for (const auto& [width, height, quality, ret] : cases) {
     const FfPtr<AVFrame> noise = SolidRgb(width, height, 0, 0, 0);
     const Bytes bytes = RandomBytes(static_cast<std::size_t>(width * height * 3));
     std::copy(bytes.begin(), bytes.end(), noise->data[0]);
     EXPECT_EQ(Snapshot(noise.get(), "", quality).ret, ret) << quality;
   }
-  EXPECT_EQ(log.Messages(), Messages{"1|Compress to jpeg failed.\n"});
+  EXPECT_EQ(log.Messages(), Messages(2, "1|Compress to jpeg failed.\n"));
 }
 
 TEST(Jpeg, QualityRowsAndFormat) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 
 #include "tests/support/format.h"
 #include "tests/support/log_capture.h"
@@ -182,9 +183,24 @@ TEST_F(DemuxTest, OpenFailures) {
   EXPECT_EQ(demux.Open(absent, video, audio), 2);
   EXPECT_EQ(demux.Open(empty, video, audio), 2);
   EXPECT_FALSE(demux.InitVideoFormat(video));
+  const std::string hollow = dir.Path("hollow.ts");  // packets of no stream
+  Bytes data(188 * 200);
+  for (std::size_t i = 0; i < data.size(); i += 188) std::memcpy(&data[i], "\x47\x1F\xFF\x10", 4);
+  SaveBytes(hollow, data.data(), data.size());
+  EXPECT_EQ(demux.Open(hollow, video, audio), 3);
+  const std::string unknown = dir.Path("unknown.avi");  // a codec that nobody has
+  WriteFile(EncodeClip({"mpeg4", 64, 48, 2}), unknown);
+  data = ReadBytes(unknown);
+  for (std::size_t i = 0; i + 4 <= data.size(); ++i) {
+    if (std::memcmp(&data[i], "FMP4", 4) == 0) std::memcpy(&data[i], "ZZZZ", 4);
+  }
+  SaveBytes(unknown, data.data(), data.size());
+  EXPECT_EQ(demux.Open(unknown, video, audio), 3);
   EXPECT_EQ(log.Messages(),
             (Messages{"1|Could not open source file " + absent + ". Ret:-2\n",
-                      "1|Could not open source file " + empty + ". Ret:-1094995529\n", "1|Failed to get codec.\n"}));
+                      "1|Could not open source file " + empty + ". Ret:-1094995529\n", "1|Failed to get codec.\n",
+                      "1|Could not find stream information.\n", "1|Failed to find decoder with codec 0.\n",
+                      "1|Could not init video stream in the file.\n"}));
   EXPECT_EQ(log.Lines()[0].path, "utils/ffmpegdemuxer");
 }
 

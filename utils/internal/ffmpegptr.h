@@ -1,6 +1,7 @@
 // Owning pointers for FFmpeg's objects. Contexts that need the FFmpeg lock are freed under it.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -45,6 +46,12 @@ struct FreeDeleter {
 };
 template <typename T>
 using MallocPtr = std::unique_ptr<T, FreeDeleter>;
+
+// A C stream, closed at the end.
+struct FileCloser {
+  void operator()(std::FILE* p) const { std::fclose(p); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // Runs a function when the scope ends, on every path out.
 template <typename F>

@@ -3,25 +3,21 @@
 #include <algorithm>
 #include <cstring>
 
+#include "utils/esformat.h"
+
 namespace mediautil {
 namespace {
 
 constexpr std::uint32_t kFirstTrack = 1;
 
-constexpr std::uint32_t BoxType(const char (&text)[5]) {
-  std::uint32_t type = 0;
-  for (std::size_t i = 0; i < 4; ++i) {
-    type = type << 8 | static_cast<std::uint8_t>(text[i]);
-  }
-  return type;
-}
-
 // What the flags of a track header and of a run announce.
 constexpr std::uint32_t kBaseOffset = 0x1;
 constexpr std::uint32_t kDescriptionIndex = 0x2;
 constexpr std::uint32_t kDefaultDuration = 0x8;
+constexpr std::uint32_t kDataOffset = 0x1;
+constexpr std::uint32_t kFirstSampleFlags = 0x4;
 constexpr std::uint32_t kSampleDuration = 0x100;
-constexpr std::uint32_t kSampleFields[] = {kSampleDuration, 0x200, 0x400, 0x800};
+constexpr std::uint32_t kSampleFields[] = {kSampleDuration, 0x200, 0x400, 0x800};  // with size, flags, time offset
 
 }  // namespace
 
@@ -52,28 +48,28 @@ void FragScan::Want(Field field, std::uint64_t size) {
 
 void FragScan::Take() {
   switch (m_field) {
-    case Field::Header:
+    case Field::kHeader:
       if (Word(0) == 1) {
-        m_field = Field::LongHeader;
+        m_field = Field::kLongHeader;
         m_need = 16;
       } else {
         OpenBox(Word(0), 8);
       }
       break;
-    case Field::LongHeader:
+    case Field::kLongHeader:
       OpenBox(LongWord(8), 16);
       break;
-    case Field::TrackHeader:
+    case Field::kTrackHeader:
       ReadTrackHeader();
       break;
-    case Field::DecodeTime:
+    case Field::kDecodeTime:
       m_sum = m_bytes[0] == 1 ? LongWord(4) : Word(4);
       NextBox();
       break;
-    case Field::RunHeader:
+    case Field::kRunHeader:
       ReadRunHeader();
       break;
-    case Field::Sample:
+    case Field::kSample:
       ReadSample();
       break;
   }
@@ -94,19 +90,19 @@ void FragScan::OpenBox(std::uint64_t size, std::uint64_t headerSize) {
 }
 
 void FragScan::Enter(std::uint32_t type, std::uint64_t bodySize) {
-  const bool isContainer = (m_level == kFile && type == BoxType("moof")) ||  //
-                           (m_level == kFragment && type == BoxType("traf"));
+  const bool isContainer = (m_level == kFile && type == EsFourCC("moof")) ||  //
+                           (m_level == kFragment && type == EsFourCC("traf"));
   const bool isFirst = m_trackId == kFirstTrack;
   if (isContainer) {
     m_end[++m_level] = m_boxEnd;
     m_trackId = 0;
-    Want(Field::Header, 8);
-  } else if (m_level == kTrack && type == BoxType("tfhd") && bodySize >= 8) {
-    Want(Field::TrackHeader, bodySize);
-  } else if (m_level == kTrack && type == BoxType("tfdt") && bodySize >= 8 && isFirst) {
-    Want(Field::DecodeTime, std::min<std::uint64_t>(bodySize, 12));
-  } else if (m_level == kTrack && type == BoxType("trun") && bodySize >= 8 && isFirst) {
-    Want(Field::RunHeader, 8);
+    Want(Field::kHeader, 8);
+  } else if (m_level == kTrack && type == EsFourCC("tfhd") && bodySize >= 8) {
+    Want(Field::kTrackHeader, bodySize);
+  } else if (m_level == kTrack && type == EsFourCC("tfdt") && bodySize >= 8 && isFirst) {
+    Want(Field::kDecodeTime, std::min<std::uint64_t>(bodySize, 12));
+  } else if (m_level == kTrack && type == EsFourCC("trun") && bodySize >= 8 && isFirst) {
+    Want(Field::kRunHeader, 8);
   } else {
     NextBox();
   }
@@ -141,13 +137,13 @@ void FragScan::ReadRunHeader() {
     NextBox();
     return;
   }
-  m_skip = ((flags & 0x1) != 0 ? 4U : 0U) + ((flags & 0x4) != 0 ? 4U : 0U);
+  m_skip = ((flags & kDataOffset) != 0 ? 4U : 0U) + ((flags & kFirstSampleFlags) != 0 ? 4U : 0U);
   if (m_skip + std::uint64_t{m_samplesLeft} * m_sampleSize > m_boxEnd - m_pos) {
     Lost();
   } else if (m_samplesLeft == 0) {
     NextBox();
   } else {
-    Want(Field::Sample, m_sampleSize);
+    Want(Field::kSample, m_sampleSize);
   }
 }
 
@@ -156,18 +152,18 @@ void FragScan::ReadSample() {
   if (--m_samplesLeft == 0) {
     NextBox();
   } else {
-    Want(Field::Sample, m_sampleSize);
+    Want(Field::kSample, m_sampleSize);
   }
 }
 
 void FragScan::NextBox() {
   m_skip = m_boxEnd - m_pos;
-  Want(Field::Header, 8);
+  Want(Field::kHeader, 8);
 }
 
 void FragScan::Lost() {
   m_skip = UINT64_MAX;
-  Want(Field::Header, 8);
+  Want(Field::kHeader, 8);
 }
 
 std::uint32_t FragScan::Word(std::size_t at) const {

@@ -18,7 +18,7 @@ class FragScan {
   std::int64_t NextStart() const { return static_cast<std::int64_t>(m_next); }
 
  private:
-  enum class Field { Header, LongHeader, TrackHeader, DecodeTime, RunHeader, Sample };
+  enum class Field { kHeader, kLongHeader, kTrackHeader, kDecodeTime, kRunHeader, kSample };
   // The boxes that the scan goes into, outermost first.
   enum Level : std::size_t { kFile, kFragment, kTrack, kLevels };
 
@@ -35,7 +35,7 @@ class FragScan {
   std::uint32_t Word(std::size_t at) const;
   std::uint64_t LongWord(std::size_t at) const;
 
-  Field m_field = Field::Header;
+  Field m_field = Field::kHeader;
   std::array<std::uint8_t, 32> m_bytes{};  // the field, as far as it has come
   std::size_t m_have = 0;
   std::size_t m_need = 8;

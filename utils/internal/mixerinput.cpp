@@ -1,8 +1,8 @@
 #include "utils/internal/mixerinput.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
+
+#include "utils/internal/soundformat.h"
 
 extern "C" {
 #include <libavfilter/buffersrc.h>
@@ -44,11 +44,6 @@ int FirstSound(const AVFormatContext& file) {
 }
 
 }  // namespace
-
-FileId FileOf(const std::string& path) {
-  struct stat info = {};
-  return stat(path.c_str(), &info) == 0 ? FileId(info.st_dev, info.st_ino) : FileId();
-}
 
 int ReadSoundPacket(AVFormatContext* file, FfPtr<AVPacket>& packet) {
   packet.reset(av_packet_alloc());
@@ -107,6 +102,7 @@ int MixerInput::Feed(AVFrame* frame) {
   if (frame->nb_samples > most && most > 0) {
     rest = SplitFrame(frame, most);
   }
+  SilenceWildSamples(frame);
   if (srcCtx == nullptr || !resampler.Fit(frame, shape)) {
     return -1;
   }

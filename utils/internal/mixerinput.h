@@ -1,20 +1,11 @@
 // What the mixer knows of one input beyond its public record, and the steps that need no message.
 #pragma once
 
-#include <sys/types.h>
-
-#include <string>
-#include <utility>
-
 #include "utils/audiomixer.h"
+#include "utils/internal/inputfile.h"
 #include "utils/internal/resampler.h"
 
 namespace mediautil {
-
-using FileId = std::pair<dev_t, ino_t>;
-
-// Which file a path names, zeros when none.
-FileId FileOf(const std::string& path);
 
 // The next packet of a file's first audio stream; none for a packet of another one, and on failure.
 int ReadSoundPacket(AVFormatContext* file, FfPtr<AVPacket>& packet);
@@ -34,6 +25,8 @@ struct MixerInput : AudioMixer::FmtCodecCtx {
   bool isEnded = false;      // the source got its null frame
 
   bool IsStream() const { return fmtCtx == nullptr; }
+  // A stream whose sound was too much for one pass: what waits is no gap.
+  bool IsBacklogged() const { return IsStream() && (!pktQueue.empty() || rest != nullptr); }
   double Seconds() const { return static_cast<double>(samples) / shape.rate; }
   bool IsBeyond(const MixerInput& other) const;
 
@@ -50,8 +43,8 @@ struct MixerInput : AudioMixer::FmtCodecCtx {
   // since the queue was empty. Throws std::bad_alloc with nothing changed.
   bool Queue(AVPacket* packet);
 
-  // Brings a frame into the shape of the source and feeds it. What is too much for one pass becomes the rest. A frame
-  // without samples left is no error.
+  // Brings a frame into the shape of the source and feeds it. What is too much for one pass becomes the rest. Wild
+  // samples become silence. A frame without samples left is no error.
   int Feed(AVFrame* frame);
 };
 

@@ -5,7 +5,7 @@
 
 namespace mediautil {
 
-// The most pixels of a picture that one call decodes or makes for its caller: twice an 8K picture.
+// The most pixels of a picture that a one-shot decode takes, or a resize or a GIF makes: twice an 8K picture.
 constexpr int kMaxPixels = 1 << 26;
 
 // Bytes that a scaler may touch behind a packed picture.

@@ -7,6 +7,7 @@
 extern "C" {
 #include <libavutil/avstring.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/samplefmt.h>
 }
 
 namespace mediautil {
@@ -23,15 +24,22 @@ constexpr int kCompressedRates[] = {8000, 11025, 12000, 16000, 22050, 24000, 320
 
 constexpr int kBitRate = 64000;  // of one channel
 
-constexpr float kWild = 1000;  // 60 dB over full scale
+constexpr int kWild = 1000;  // 60 dB over full scale
 
 int EncoderRate(AVCodecID codec, int rate) {
   const int* last = std::end(kCompressedRates) - 1;
   return codec == AV_CODEC_ID_PCM_S16LE ? rate : *std::lower_bound(std::begin(kCompressedRates), last, rate);
 }
 
-bool IsWild(float sample) {
-  return !(std::fabs(sample) <= kWild);
+// Of one plane of the frame.
+template <typename Sample>
+void SilencePlane(AVFrame* frame, int plane, int count) {
+  const auto isWild = [](Sample sample) { return !(std::fabs(sample) <= kWild); };
+  const auto* samples = reinterpret_cast<const Sample*>(frame->extended_data[plane]);
+  if (std::any_of(samples, samples + count, isWild) && av_frame_make_writable(frame) >= 0) {
+    auto* writable = reinterpret_cast<Sample*>(frame->extended_data[plane]);
+    std::replace_if(writable, writable + count, isWild, Sample{0});
+  }
 }
 
 }  // namespace
@@ -74,11 +82,16 @@ int MakeSoundFile(const SoundFormat& format, const AVCodecContext& encoder, cons
 }
 
 void SilenceWildSamples(AVFrame* frame) {
-  for (int i = 0; frame->format == AV_SAMPLE_FMT_FLTP && i < frame->ch_layout.nb_channels; ++i) {
-    auto* samples = reinterpret_cast<float*>(frame->extended_data[i]);
-    if (std::any_of(samples, samples + frame->nb_samples, IsWild) && av_frame_make_writable(frame) >= 0) {
-      samples = reinterpret_cast<float*>(frame->extended_data[i]);
-      std::replace_if(samples, samples + frame->nb_samples, IsWild, 0.0F);
+  const auto format = static_cast<AVSampleFormat>(frame->format);
+  const AVSampleFormat packed = av_get_packed_sample_fmt(format);
+  const int channels = frame->ch_layout.nb_channels;
+  const bool isPlanar = av_sample_fmt_is_planar(format) != 0;
+  const int count = isPlanar ? frame->nb_samples : frame->nb_samples * channels;
+  for (int plane = 0; plane < (isPlanar ? channels : 1); ++plane) {
+    if (packed == AV_SAMPLE_FMT_FLT) {
+      SilencePlane<float>(frame, plane, count);
+    } else if (packed == AV_SAMPLE_FMT_DBL) {
+      SilencePlane<double>(frame, plane, count);
     }
   }
 }

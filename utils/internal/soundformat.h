@@ -29,8 +29,8 @@ FfPtr<AVCodecContext> MakeEncoder(const SoundFormat& format, int rate, int chann
 int MakeSoundFile(const SoundFormat& format, const AVCodecContext& encoder, const std::string& path,
                   AVFormatContext*& oc);
 
-// Damaged sound can decode to samples out of all bounds, or to no numbers: encoders of floats give up on them. They
-// become silence.
+// Damaged sound can decode to floats out of all bounds, or to no numbers: integers of them are clicks, and encoders of
+// floats give up on them. They become silence.
 void SilenceWildSamples(AVFrame* frame);
 
 }  // namespace mediautil

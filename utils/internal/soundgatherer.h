@@ -14,7 +14,8 @@ class SoundGatherer {
   enum class Outcome { kOk, kNoResampler, kNoMemory, kFailed };
 
   // The two steps of the set-up, each false for sound that cannot be converted or held. out is what the resampler
-  // makes; where enc wants something else, its buffers hold that much all the same and are zero behind it.
+  // makes; where enc wants something else, its buffers hold that much all the same, with zeros or older sound behind
+  // it.
   bool SetUpResampler(const SoundShape& in, const SoundShape& out);
   bool SetUpBuffers(const AVCodecContext& enc);
 

@@ -10,7 +10,7 @@ struct ESFormat;
 class MuxCtrler;
 
 // Makes the stream and keeps its time line. Results: 0, or -1 on failure. The output context owns the stream and
-// outlives the writer; the codec context that stands beside it is the writer's.
+// lives through every call; the codec context that stands beside it is the writer's.
 class StreamPriv {
  public:
   // basePts: the zero of the time line that both streams share, microseconds, 0 when not set.

@@ -1,8 +1,9 @@
-#include "utils/internal/audiofile.h"
+#include "utils/internal/inputfile.h"
+
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
+#include <new>
 
 extern "C" {
 #include <libavutil/avstring.h>
@@ -13,8 +14,9 @@ extern "C" {
 namespace mediautil {
 namespace {
 
-// A playlist may wait for the next piece for ever, or name itself; game music may have no end.
-constexpr char kRefusedFormats[] = "concat,dash,hls,imf,libgme,vobsub";
+// A playlist may wait for the next piece for ever, or name itself; others open files that lie beside them; game music
+// and tone scripts may have no end.
+constexpr char kRefusedFormats[] = "concat,dash,hls,imf,libgme,mlv,sbg,vobsub";
 
 // The format of a file's content, or an error. Reading a header would be too late to look.
 int ProbeFormat(const std::string& url, const AVInputFormat*& format) {
@@ -33,13 +35,17 @@ int ProbeFormat(const std::string& url, const AVInputFormat*& format) {
 
 }  // namespace
 
-bool IsPlainFileOrNone(const std::string& path) {
-  std::error_code ignored;
-  const std::filesystem::file_status status = std::filesystem::status(path, ignored);
-  return !std::filesystem::exists(status) || std::filesystem::is_regular_file(status);
+FileId FileOf(const std::string& path) {
+  struct stat info = {};
+  return stat(path.c_str(), &info) == 0 ? FileId(info.st_dev, info.st_ino) : FileId();
 }
 
-int OpenInput(const std::string& path, AVFormatContext*& fmt) {
+bool IsPlainFileOrNone(const std::string& path) {
+  struct stat info = {};
+  return stat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode);
+}
+
+int OpenInput(const std::string& path, AVFormatContext*& fmt) try {
   LockAVCodecRegister();
   const std::string url = "file:" + path;
   const AVInputFormat* format = nullptr;
@@ -52,6 +58,9 @@ int OpenInput(const std::string& path, AVFormatContext*& fmt) {
   const int ret = avformat_open_input(&fmt, url.c_str(), format, &options);
   av_dict_free(&options);
   return ret;
+} catch (const std::bad_alloc&) {
+  LockAVFormatFreeContext(fmt);
+  return AVERROR(ENOMEM);
 }
 
 int FindAudioStream(AVFormatContext* fmt) {

@@ -1,11 +1,20 @@
-// An audio file on its way to decoded frames.
+// An input file on its way to decoded frames.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
+#include <utility>
 
 #include "utils/internal/ffmpegptr.h"
 
 namespace mediautil {
+
+// What tells one file from another, whatever its names are.
+using FileId = std::pair<dev_t, ino_t>;
+
+// Zeros when there is none.
+FileId FileOf(const std::string& path);
 
 // False for what reading or writing might never end on: FIFOs, devices, directories. A path that names no file passes.
 bool IsPlainFileOrNone(const std::string& path);
