@@ -40,6 +40,10 @@ check_shell() {
   shellcheck -x "${files[@]}"
 }
 
+check_doxygen() {
+  mkdir -p build && doxygen docs/Doxyfile
+}
+
 build() {
   cmake --preset dev >/dev/null && cmake --build --preset dev
 }
@@ -58,7 +62,7 @@ check_tidy() {
 step format check_format
 step shell check_shell
 for rule in tree headers documents snippets; do step "$rule" scripts/checks.py "$rule"; done
-if command -v doxygen >/dev/null; then step doxygen doxygen docs/Doxyfile; fi
+if command -v doxygen >/dev/null; then step doxygen check_doxygen; fi
 if [ -n "$build_and_test" ]; then
   step build build
   step tests ctest --preset dev -E '^checks\.'

@@ -4,6 +4,7 @@
 checks.py tree | headers | documents | snippets | symbols LIBRARY [--update]
 """
 import ast
+import os
 import pathlib
 import re
 import subprocess
@@ -35,6 +36,7 @@ LOCKED_CALLS = re.compile(r'\b(avcodec_open2|avcodec_close|avcodec_free_context|
                           r'avcodec_register_all|avfilter_register_all|av_register_all)\s*\(')
 LOCK_HOLDERS = {'utils/mpeg4util.cpp', 'utils/internal/ffcompat.cpp'}
 
+INSTALLED = re.compile(r'(README|CHANGELOG|SECURITY)\.md$|docs(/|$)')  # the documents that are
 FENCE = re.compile(r'^```(\w*)\n(.*?)^```', flags=re.M | re.S)
 FORMAT_ARGUMENT = {'VY_LOG': 1, 'VY_FAIL_IF': 3, 'VyPrintf': 6}
 
@@ -183,6 +185,8 @@ def check_links():
             target = (path.parent / file).resolve() if file else path
             if '://' not in link and (not target.exists() or (anchor and anchor not in headings.get(target, ()))):
                 yield f'{name}: {link} leads nowhere'
+            if '://' not in link and INSTALLED.match(name) and not INSTALLED.match(os.path.relpath(target, ROOT)):
+                yield f'{name}: {link} is not installed beside it'
 
 
 def check_uses():

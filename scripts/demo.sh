@@ -54,6 +54,17 @@ HTML
     "$("$program" --version | cut -d' ' -f2)" "$(printf %s "$1" | escape)" >>"$page"
 }
 
+# shell_words WORD...: as one would type them.
+shell_words() {
+  local word
+  for word in "$@"; do
+    case $word in
+      '' | *[!A-Za-z0-9_./:,=@%+-]*) printf ' %s' "${word@Q}" ;;
+      *) printf ' %s' "$word" ;;
+    esac
+  done
+}
+
 # heading TITLE TEXT COMMAND...: what a section shows, and its command line.
 heading() {
   local title=$1 text=$2
@@ -61,7 +72,7 @@ heading() {
   {
     printf '<h2>%s</h2>\n<p>%s</p>\n<pre>' "$title" "$text"
     printf '$ mediautil'
-    printf ' %q' "$@" | escape
+    shell_words "$@" | escape
     printf '</pre>\n'
   } >>"$page"
 }
