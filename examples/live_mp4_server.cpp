@@ -28,7 +28,7 @@ class ImmediateCtrler : public MuxCtrler {
 
 const ImmediateCtrler g_policy;
 
-// A recording with its H.264 video and, when it is AAC, its sound.
+// A recording with its H.264 video and, when it is AAC (AAC-LC is what players expect), its sound.
 struct Source {
   FFmpegDemux demux;
   ESFormat video;
@@ -95,10 +95,13 @@ class Viewer {
       return FETCH_CONN_NEXT;
     }
     const long long time = viewer.WaitFor(AvPacketPtsToRealPts(pkt.dts, st->time_base));
-    const int result = isVideo
-                           ? viewer.m_muxer.WriteVdoFrame(pkt.data, pkt.size, time, (pkt.flags & AV_PKT_FLAG_KEY) != 0)
-                           : viewer.m_muxer.WriteAdoFrame(pkt.data, pkt.size, time);
-    return result == 0 && viewer.m_sink.is_writable() ? FETCH_CONN_NEXT : FETCH_CONN_STOP;
+    // A damaged frame is left out. What ends the stream is a viewer who has gone.
+    if (isVideo) {
+      viewer.m_muxer.WriteVdoFrame(pkt.data, pkt.size, time, (pkt.flags & AV_PKT_FLAG_KEY) != 0);
+    } else {
+      viewer.m_muxer.WriteAdoFrame(pkt.data, pkt.size, time);
+    }
+    return viewer.m_sink.is_writable() ? FETCH_CONN_NEXT : FETCH_CONN_STOP;
   }
 
   // Sleeps until the frame is due. Returns its time since the first frame, which is 1: a 0 stands for no time.
@@ -215,5 +218,5 @@ int main(int argc, char** argv) {
     std::cerr << "usage: live_mp4_server RECORDING [--port N]\n";
     return 2;
   }
-  return Serve(argv[1], hasPort ? std::atoi(argv[3]) : 0);
+  return Serve(argv[1], hasPort ? static_cast<int>(std::strtol(argv[3], nullptr, 10)) : 0);
 }

@@ -33,6 +33,28 @@ must_fail() {
   [ -s err.txt ] || die "a failure without a message: $*"
 }
 says() { grep -qF -- "$1" err.txt || die "stderr lacks: $1"; }
+# refuses COMMAND...: fails as each line of stdin says, "code|more arguments|text"; wrong usage is told in one line.
+refuses() {
+  local code line text words
+  while IFS='|' read -r code line text; do
+    read -ra words <<<"$line"
+    must_fail "$code" "$@" "${words[@]}"
+    says "$text"
+    [ "$code" != 2 ] || equal "$(wc -l <err.txt)" 1 "lines of: $line"
+  done
+}
+# interrupts COMMAND...: ends with 130 when Ctrl-C comes as the first bytes of its file have been written.
+interrupts() {
+  python3 - "$MEDIAUTIL" "$@" 2>err.txt <<'END' || die "Ctrl-C: $*"
+import glob, os, signal, subprocess, sys
+run = subprocess.Popen(sys.argv[1:])
+while run.poll() is None and not any(os.path.getsize(name) for name in glob.glob('.export-*')):
+    pass
+run.send_signal(signal.SIGINT)
+assert run.wait() == 130, run.returncode
+END
+  says "interrupted; nothing was written"
+}
 prints() { grep -qF -- "$1" out.txt || die "stdout lacks: $1 ($(head -c 500 out.txt))"; }
 equal() { [ "$1" = "$2" ] || die "${3:-values}: $1 is not $2"; }
 # json EXPRESSION: a Python expression over the object d in out.txt.

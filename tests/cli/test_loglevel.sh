@@ -30,16 +30,12 @@ prints "processes: 12 34 (all others use level 3)"
 must log-level --json
 equal "$(json 'd["pids"]')" "[12, 34]"
 
-while IFS='|' read -r line text; do
-  read -ra words <<<"$line"
-  must_fail 2 log-level "${words[@]}"
-  says "$text"
-done <<'END'
-medai 4|unknown category medai; did you mean MEDIA?
-512 4|unknown category 512; give a name that log-level shows, or 0 to 511
-media 8|unknown level 8; give a name that log-level shows, or 0 to 7
-media trcae|unknown level trcae; did you mean TRACE?
---pid 1 --all-pids|--all-pids
+refuses log-level <<'END'
+2|medai 4|unknown category medai; did you mean MEDIA?
+2|512 4|unknown category 512; give a name that log-level shows, or 0 to 511
+2|media 8|unknown level 8; give a name that log-level shows, or 0 to 7
+2|media trcae|unknown level trcae; did you mean TRACE?
+2|--pid 1 --all-pids|--all-pids
 END
 
 # A later run follows the record: "Scale from" is a note of level 4.

@@ -37,17 +37,15 @@ done
 head -c 3000 /dev/zero >zero.mp4
 head -c 700 both.mp4 >cut.mp4
 seq 2000 | md5sum >garbage.mp4
-for name in zero.mp4 cut.mp4 garbage.mp4; do
-  must_fail 3 probe "$name"
-  says "mediautil: $name: cannot open the recording: not media, or damaged; check that it was copied whole"
-done
-must_fail 3 probe .
-says "mediautil: .: cannot read the recording: it is a directory; name a file in it"
-must_fail 3 probe missing.mp4
-says "mediautil: missing.mp4: cannot read the recording: No such file or directory; check the path"
 printf '1\n00:00:01,000 --> 00:00:02,000\ntext\n' >words.srt
-must_fail 3 probe words.srt
-says "words.srt: cannot find a stream: neither video nor sound"
+refuses probe <<'END'
+3|zero.mp4|mediautil: zero.mp4: cannot open the recording: not media, or damaged; check that it was copied whole
+3|cut.mp4|mediautil: cut.mp4: cannot open the recording: not media, or damaged; check that it was copied whole
+3|garbage.mp4|mediautil: garbage.mp4: cannot open the recording: not media, or damaged; check that it was copied whole
+3|.|mediautil: .: cannot read the recording: it is a directory; name a file in it
+3|missing.mp4|mediautil: missing.mp4: cannot read the recording: No such file or directory; check the path
+3|words.srt|words.srt: cannot find a stream: neither video nor sound
+END
 
 # -q leaves the program's own error alone, -v adds the library's.
 must_fail 3 -q probe garbage.mp4

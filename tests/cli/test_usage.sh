@@ -5,25 +5,20 @@
 
 colours rec.mp4 20 -c:v libx264
 
-while IFS='|' read -r line text; do
-  read -ra words <<<"$line"
-  must_fail 2 "${words[@]}"
-  says "$text"
-  equal "$(wc -l <err.txt)" 1 "lines of: $line"
-done <<'END'
-snapshot rec.mp4 -o a.jpg --max-sde 3|unknown option --max-sde; did you mean --max-side?
-probe rec.mp4 --frobnicate|unknown option --frobnicate; see mediautil probe --help
-snapshto rec.mp4|unknown command snapshto; did you mean snapshot?
-explode rec.mp4|unknown command explode; see mediautil --help
-probe rec.mp4 more|probe: unexpected argument more; see mediautil probe --help
-probe|probe: FILE is required; see mediautil probe --help
-snapshot rec.mp4|snapshot: --output is required; see mediautil snapshot --help
-snapshot rec.mp4 -o a.jpg --quality 101|--quality
-snapshot rec.mp4 -o a.jpg --max-side 3x|--max-side
-probe rec.mp4 -q -v|-q and -v exclude each other
+# shellcheck disable=SC2119  # the lines name the commands
+refuses <<'END'
+2||a command is missing; see mediautil --help
+2|snapshot rec.mp4 -o a.jpg --max-sde 3|unknown option --max-sde; did you mean --max-side?
+2|probe rec.mp4 --frobnicate|unknown option --frobnicate; see mediautil probe --help
+2|snapshto rec.mp4|unknown command snapshto; did you mean snapshot?
+2|explode rec.mp4|unknown command explode; see mediautil --help
+2|probe rec.mp4 more|probe: unexpected argument more; see mediautil probe --help
+2|probe|probe: FILE is required; see mediautil probe --help
+2|snapshot rec.mp4|snapshot: --output is required; see mediautil snapshot --help
+2|snapshot rec.mp4 -o a.jpg --quality 101|--quality
+2|snapshot rec.mp4 -o a.jpg --max-side 3x|--max-side
+2|probe rec.mp4 -q -v|-q and -v exclude each other
 END
-must_fail 2
-says "a command is missing; see mediautil --help"
 [ ! -e a.jpg ] || die "wrong usage wrote a file"
 
 must --version

@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/docgen/manual.h"
+#include "tools/mediautil/program.h"
 
 namespace {
 
@@ -41,16 +42,6 @@ std::string Joined(const std::vector<std::string>& words) {
   return CLI::detail::join(words, " ");
 }
 
-std::string LongNames(CLI::App& command) {
-  std::vector<std::string> names;
-  for (const CLI::Option* option : command.get_options()) {
-    for (const std::string& name : option->get_lnames()) {
-      names.push_back("--" + name);
-    }
-  }
-  return Joined(names);
-}
-
 // The value of a flag only stands behind "=".
 std::string ValueCases(CLI::App& command) {
   std::string cases;
@@ -74,13 +65,11 @@ std::string ValueCases(CLI::App& command) {
 
 std::string BashCompletion(CLI::App& app) {
   std::string script = kBegin;
-  std::vector<std::string> names;
   for (CLI::App* command : Commands(app)) {
-    names.push_back(command->get_name());
-    script += "    " + names.back() + ")\n      options='" + LongNames(*command) + "'\n" + ValueCases(*command) +
-              "      ;;\n";
+    script += "    " + command->get_name() + ")\n      options='" + Joined(OptionNames(*command)) + "'\n" +
+              ValueCases(*command) + "      ;;\n";
   }
-  script += "    '')\n      options='" + LongNames(app) + "'\n      [[ $word == -* ]] || values='" + Joined(names) +
-            "'\n      ;;\n";
+  script += "    '')\n      options='" + Joined(OptionNames(app)) + "'\n      [[ $word == -* ]] || values='" +
+            Joined(CommandNames(app)) + "'\n      ;;\n";
   return script + kEnd;
 }

@@ -1,5 +1,6 @@
 // Writes the program's bash completion, or its man page from a template, to stdout: docgen bash | docgen man TEMPLATE
 #include <CLI/CLI.hpp>
+#include <exception>
 #include <fstream>
 #include <iostream>
 
@@ -24,9 +25,7 @@ int WriteMan(CLI::App& app, const char* path) {
   return isPlaced ? 0 : 1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
   CLI::App app;
   LogArgs log;
   Action action;
@@ -42,4 +41,15 @@ int main(int argc, char** argv) {
     std::cerr << "usage: docgen bash | docgen man TEMPLATE\n";
   }
   return code == 0 && !std::cout.flush() ? 1 : code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "docgen: " << error.what() << "\n";
+    return 1;
+  }
 }

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "tools/docgen/manual.h"
+#include "tools/mediautil/program.h"
 
 namespace {
 

@@ -2,10 +2,6 @@
 
 #include <CLI/CLI.hpp>
 
-std::vector<CLI::App*> Commands(CLI::App& app) {
-  return app.get_subcommands([](const CLI::App*) { return true; });
-}
-
 std::vector<std::string> Names(const CLI::Option& option) {
   std::vector<std::string> names;
   for (const std::string& name : option.get_snames()) {

@@ -9,9 +9,6 @@ class App;
 class Option;
 }  // namespace CLI
 
-// The commands in the order of the program.
-std::vector<CLI::App*> Commands(CLI::App& app);
-
 // The names of the option on the command line, short ones first; empty for a positional.
 std::vector<std::string> Names(const CLI::Option& option);
 

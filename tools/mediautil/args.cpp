@@ -144,7 +144,7 @@ int FindStateDir(const std::string& what, std::string& directory) {
   directory = value == nullptr ? "" : value;
   return directory.empty()
              ? Fail(kFailed, "cannot reach " + what +
-                                 ": MEDIAUTIL_STATE_DIR is not set; set it to the state directory of " + "the server")
+                                 ": MEDIAUTIL_STATE_DIR is not set; set it to the state directory of the server")
              : kDone;
 }
 
@@ -158,6 +158,10 @@ int CheckInput(const std::string& path) {
     return Fail(kBadInput, path + ": cannot read the recording: it is a directory; name a file in it");
   }
   return kDone;
+}
+
+int FailNotMedia(const std::string& path) {
+  return Fail(kBadInput, path + ": cannot open the recording: not media, or damaged; check that it was copied whole");
 }
 
 std::string InputPath(const std::string& path) {
@@ -184,7 +188,11 @@ int CheckOutput(const std::string& output, const std::string& input, const std::
   return kDone;
 }
 
-int WriteOutput(const std::string& output, const void* data, unsigned int size) {
+std::string OutputName(const std::string& output) {
+  return output == "-" ? "stdout" : output;
+}
+
+int WritePicture(const std::string& output, const void* data, unsigned int size) {
   const char* bytes = static_cast<const char*>(data);
   if (output == "-") {
     return WriteStdout(bytes, size);

@@ -14,12 +14,12 @@ class Value;
 }
 
 constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
-constexpr int kBadInput = 3;
-constexpr int kRefused = 4;
-constexpr int kNotLoggedIn = 5;
-constexpr int kInterrupted = 130;
+constexpr int kFailed = 1;         // for any other reason
+constexpr int kUsage = 2;          // wrong usage
+constexpr int kBadInput = 3;       // unreadable or not media
+constexpr int kRefused = 4;        // by the remote
+constexpr int kNotLoggedIn = 5;    // on the remote
+constexpr int kInterrupted = 130;  // by a signal
 
 // What a command line asks for; returns the exit code.
 using Action = std::function<int()>;
@@ -73,6 +73,9 @@ int FindStateDir(const std::string& what, std::string& directory);
 // kDone when the file can be read; otherwise prints why not.
 int CheckInput(const std::string& path);
 
+// Prints that a file is no recording. kBadInput.
+int FailNotMedia(const std::string& path);
+
 // The path as the library shall open it: always a file, although a name such as "cam1:noon.mp4" looks like a URL.
 std::string InputPath(const std::string& path);
 
@@ -80,8 +83,11 @@ std::string InputPath(const std::string& path);
 // itself, not to a device.
 int CheckOutput(const std::string& output, const std::string& input, const std::string& what);
 
-// Writes to the file as a whole or, for "-", to stdout. kDone or kFailed.
-int WriteOutput(const std::string& output, const void* data, unsigned int size);
+// What messages call an output: "stdout" for "-", else as named.
+std::string OutputName(const std::string& output);
+
+// Writes a picture to the file as a whole or, for "-", to stdout. kDone or kFailed.
+int WritePicture(const std::string& output, const void* data, unsigned int size);
 
 // Writes a result to stdout. kDone or kFailed.
 int PrintResult(const std::string& text);

@@ -2,6 +2,7 @@
 #include <json/json.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <limits>
 #include <memory>
 

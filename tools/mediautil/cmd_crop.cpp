@@ -1,13 +1,11 @@
 // mediautil crop: a rectangle of a key frame as JPEG.
 #include <CLI/CLI.hpp>
-#include <array>
 #include <charconv>
 #include <cstdint>
 #include <memory>
 
 #include "tools/mediautil/args.h"
 #include "tools/mediautil/keyframe.h"
-#include "tools/mediautil/outputfile.h"
 #include "utils/mpeg4util.h"
 
 extern "C" {
@@ -85,11 +83,8 @@ Picture CutOut(AVFrame& yuv, const Rectangle& r) {
 }
 
 int Crop(const CropArgs& args) {
-  if (const int code = CheckPictureArgs(args); code != kDone) {
-    return code;
-  }
   KeyFrame key;
-  if (const int code = FindKeyFrame(args.input, args.at, key); code != kDone) {
+  if (const int code = FindKeyFrame(args, key); code != kDone) {
     return code;
   }
   Picture picture;
@@ -111,8 +106,8 @@ int Crop(const CropArgs& args) {
   if (code == kDone) {
     const bool isRounded = part->width != wish.width || part->height != wish.height || (wish.x | wish.y) % 2 != 0;
     const Rectangle got = {wish.x & ~1, wish.y & ~1, part->width, part->height};
-    Note(OutputFile(args.output, "picture").Name() + ": " + RectangleText(got) +
-         (isRounded ? ", rounded to even numbers" : "") + KeyFrameText(key));
+    Note(OutputName(args.output) + ": " + RectangleText(got) + (isRounded ? ", rounded to even numbers" : "") +
+         KeyFrameText(key));
   }
   return code;
 }

@@ -1,5 +1,6 @@
 // mediautil export: a recording as MP4, FLV or MP3.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -29,10 +30,6 @@ struct ExportArgs {
 };
 
 constexpr const char* kFormats[] = {"mp4", "mp3", "flv"};  // in the order of FFMPEG_MUXER_FORMAT
-
-std::string CodecName(const ESFormat& fmt) {
-  return avcodec_get_name(static_cast<AVCodecID>(fmt.i_codec_id));
-}
 
 // ---------------------------------------------------------------------------------------------------------------------
 // What goes into the output
@@ -141,9 +138,10 @@ int ChoosePart(const ExportArgs& args, ExportPlan& plan) {
     if (const int code = FindKeyFrame(args.input, args.from, key); code != kDone) {
       return code;
     }
+    const std::int64_t wanted = plan.from;
     plan.from = Microseconds(key.seconds.value_or(0));
-    Note(args.input + ": begins at " + SecondsText(plan.from) + ", the key frame at or before " +
-         SecondsText(Microseconds(*args.from)));
+    Note(args.input + ": begins at " + SecondsText(plan.from) +
+         (plan.from > wanted ? ", the first key frame" : ", the key frame at or before " + SecondsText(wanted)));
   }
   return kDone;
 }
@@ -155,7 +153,7 @@ bool LandsBefore(Recording& recording, std::int64_t from) {
   AVStream* st = nullptr;
   while (packet != nullptr && recording.demux.ReadFrame(st, *packet) >= 0) {
     if (st == recording.demux.GetVdoStream()) {
-      const std::int64_t shown = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+      const std::int64_t shown = ShownAt(*packet);
       return shown != AV_NOPTS_VALUE && StreamTime(shown, *st) <= from;
     }
   }
@@ -186,7 +184,7 @@ double PlayingTime(const ExportPlan& plan) {
 
 int WriteExport(const ExportArgs& args, const ExportPlan& plan, Recording& recording) {
   const ProgressForm form = ChooseProgress(args.progress);
-  Progress progress(form, form == ProgressForm::None ? 0 : PlayingTime(plan));
+  Progress progress(form, form == ProgressForm::kNone ? 0 : PlayingTime(plan));
   const StopSignals signals;
   OutputFile output(args.output, "recording");
   if (const int code = output.Open(); code != kDone) {
@@ -197,7 +195,7 @@ int WriteExport(const ExportArgs& args, const ExportPlan& plan, Recording& recor
   progress.Hide();
   const int result = code == kDone ? output.Commit() : code;
   if (result == kDone) {
-    Note(output.Name() + ": " + exporter.Text());
+    Note(OutputName(args.output) + ": " + exporter.Text());
   }
   return result;
 }
@@ -275,6 +273,9 @@ void AddExport(CLI::App& app, Action& action) {
     }
     if (output->count() > 0 && args->codecs) {
       throw CLI::ExcludesError("--codecs", "--output");
+    }
+    if (args->codecs && !args->format.empty() && args->format != "mp4") {
+      throw CLI::ExcludesError("--codecs", "--format " + args->format);
     }
     action = [args] { return Export(*args); };
   });

@@ -19,7 +19,7 @@
 #include "tools/mediautil/timeline.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
+#include <libavcodec/packet.h>
 #include <libavformat/avformat.h>
 }
 
@@ -61,9 +61,9 @@ class Feeder {
 
   // Frames are stored, and sent by cameras, in decoding order.
   FETCH_CONN Publish(const AVPacket& pkt, const AVStream& st) {
-    const std::int64_t time = ClockTime(pkt.dts != AV_NOPTS_VALUE ? pkt.dts : pkt.pts, st);
+    const std::int64_t time = ClockTime(DecodedAt(pkt), st);
     const std::int64_t duration = std::max<std::int64_t>(ClockTime(pkt.duration, st), 0);
-    WaitUntil(m_begin + m_timeline->Place(Track::Video, time, duration));
+    WaitUntil(m_begin + m_timeline->Place(Track::kVideo, time, duration));
     if (StopSignals::Seen()) {
       return FETCH_CONN_STOP;
     }
@@ -95,10 +95,6 @@ class Feeder {
   long long m_oversized = 0;
 };
 
-std::string CodecName(const Recording& recording) {
-  return avcodec_get_name(static_cast<AVCodecID>(recording.video.i_codec_id));
-}
-
 std::string FrameRateText(const AVRational& rate) {
   char text[32] = "";
   if (rate.num > 0 && rate.den > 0) {
@@ -112,7 +108,7 @@ int CheckVideo(const FeedArgs& args, const Camera& camera, Recording& recording)
   if (recording.demux.GetVdoStream() == nullptr) {
     return Fail(kFailed, args.input + ": cannot feed it: no video stream; mediautil probe shows what it holds");
   }
-  const std::string codec = CodecName(recording);
+  const std::string codec = CodecName(recording.video);
   if (VideoTypeOf(codec) == 0) {
     return Fail(kFailed, args.input + ": cannot feed " + codec + " video: cameras send MJPEG, MPEG-4, H.264, HEVC " +
                              "or MxPEG; convert the recording first");
@@ -152,7 +148,7 @@ int OpenStream(const FeedArgs& args, int streamNo, Recording& recording, LiveStr
   if (writer.Open(args.camera, streamNo) != 0) {
     return Fail(kFailed, StreamName(args.camera, streamNo) + ": cannot feed it: " + OpenError(errno));
   }
-  Note(args.input + ": feeds " + StreamName(args.camera, streamNo) + ": " + CodecName(recording) + ", " +
+  Note(args.input + ": feeds " + StreamName(args.camera, streamNo) + ": " + CodecName(recording.video) + ", " +
        std::to_string(recording.video.video.i_width) + "x" + std::to_string(recording.video.video.i_height) +
        FrameRateText(recording.demux.GetVdoStream()->avg_frame_rate));
   return kDone;

@@ -38,7 +38,8 @@ class NoWriting {
 
 double SecondsIn(const std::string& path) {
   struct stat file = {};
-  return stat(path.c_str(), &file) == 0 ? static_cast<double>(file.st_size - kHeaderSize) / kBytesPerSecond : 0;
+  const bool hasSound = stat(path.c_str(), &file) == 0 && file.st_size > kHeaderSize;
+  return hasSound ? static_cast<double>(file.st_size - kHeaderSize) / kBytesPerSecond : 0;
 }
 
 // The library's header counts what had reached the file when it was written.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -115,7 +116,7 @@ class Collector {
   // kDone, or prints the error.
   int Run() {
     for (const std::string& input : m_args.inputs) {
-      if (const int code = IsJpegName(input) ? AddJpeg(input) : AddRecording(input); code != kDone) {
+      if (const int code = IsJpegName(input) ? TakeJpeg(input) : TakeRecording(input); code != kDone) {
         return code;
       }
       m_done += static_cast<double>(GetFileSize(input));
@@ -144,7 +145,7 @@ class Collector {
     return m_isCut;
   }
 
-  int AddJpeg(const std::string& path) {
+  int TakeJpeg(const std::string& path) {
     if (IsFull()) {
       return kDone;
     }
@@ -167,7 +168,7 @@ class Collector {
     return kDone;
   }
 
-  int AddRecording(const std::string& path) {
+  int TakeRecording(const std::string& path) {
     Recording recording;
     m_progress.Hide();
     if (const int code = OpenVideo(path, recording); code != kDone) {
@@ -220,7 +221,7 @@ class Collector {
       Add(packet.data, packet.size);
       return m_isCut ? FETCH_CONN_STOP : FETCH_CONN_NEXT;
     }
-    const std::int64_t time = StreamTime(packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts, st);
+    const std::int64_t time = StreamTime(ShownAt(packet), st);
     m_hasTimes = time != AV_NOPTS_VALUE;
     if (m_hasTimes) {
       m_spacing->Look({static_cast<double>(time) / kMicro, {packet.data, packet.data + packet.size}},
@@ -234,7 +235,7 @@ class Collector {
       return;
     }
     const ESFormat& video = m_recording->video;
-    const bool isAdded = m_gif.AddFrame(data, size, video.p_extra, video.i_extra, VideoType(video.i_codec_id)) == 0;
+    const bool isAdded = m_gif.AddFrame(data, size, video.p_extra, video.i_extra, VideoType(video)) == 0;
     ++(isAdded ? m_frames : m_refused);
   }
 
@@ -287,7 +288,7 @@ std::string Describe(const MemoryFile& made, const GifArgs& args, int frames, do
   const int height = header[8] | header[9] << 8;
   pixels = static_cast<double>(width) * height * frames;
   return std::to_string(width) + "x" + std::to_string(height) + ", " + Count(frames, "frame") + " of " +
-         SecondsText(args.delay / 10 * 10 * (kMicro / 1000));
+         SecondsText(std::int64_t{args.delay} / 10 * 10 * (kMicro / 1000));
 }
 
 int WriteGif(const GifArgs& args, const MemoryFile& made, int frames) {
@@ -309,7 +310,7 @@ int WriteGif(const GifArgs& args, const MemoryFile& made, int frames) {
     char rest[96];
     std::snprintf(rest, sizeof(rest), ", %lld bytes; its frames took %.1f MB of memory, about twice that in all",
                   static_cast<long long>(output.Size()), pixels * 4 / 1e6);
-    Note(output.Name() + ": " + text + rest);
+    Note(OutputName(args.output) + ": " + text + rest);
   }
   return result;
 }
@@ -341,17 +342,17 @@ int MakeGif(const GifArgs& args) {
   if (const int code = CheckFiles(args); code != kDone) {
     return code;
   }
-  const std::string outputName = OutputFile(args.output, "GIF").Name();
+  const std::string outputName = OutputName(args.output);
   const ProgressForm form = ChooseProgress(args.progress);
   const double total = TotalSize(args.inputs);
-  Progress progress(form, total, ProgressUnit::Bytes);
+  Progress progress(form, total, ProgressUnit::kBytes);
   GifProcess gif;
   Collector collector(args, gif, progress);
   if (const int code = collector.Run(); code != kDone) {
     return code;
   }
   progress.Hide();
-  if (form == ProgressForm::Text) {
+  if (form == ProgressForm::kText) {
     Note(outputName + ": choosing the colours of " + Count(collector.Frames(), "frame"));
   }
   const MemoryFile made;

@@ -3,8 +3,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <cstdio>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "tools/mediautil/args.h"
-#include "tools/mediautil/outputfile.h"
 #include "utils/jpegextractor.h"
 #include "utils/mpeg4util.h"
 
@@ -58,7 +57,7 @@ std::string ListedText(const Listing& listing) {
 
 int Open(const std::string& path, JpegExtractor& file, Listing& listing) {
   if (file.Init(InputPath(path)) != 0 || file.GetFrameInfo(listing.info) != 0) {
-    return Fail(kBadInput, path + ": cannot open the recording: not media, or damaged; check that it was copied whole");
+    return FailNotMedia(path);
   }
   if (listing.info.frameRate <= 0) {
     return Fail(kFailed,
@@ -141,9 +140,9 @@ int WriteFrame(const JpegArgs& args, JpegExtractor& file, const Listing& listing
   if (jpeg.empty()) {
     return Fail(kFailed, failure + "the file is damaged there; try another one");
   }
-  const int code = WriteOutput(args.output, jpeg.data(), static_cast<unsigned int>(jpeg.size()));
+  const int code = WritePicture(args.output, jpeg.data(), static_cast<unsigned int>(jpeg.size()));
   if (code == kDone) {
-    Note(OutputFile(args.output, "picture").Name() + ": " + frame + ", " + std::to_string(jpeg.size()) + " bytes" +
+    Note(OutputName(args.output) + ": " + frame + ", " + std::to_string(jpeg.size()) + " bytes" +
          (HasEnd(jpeg) ? "" : "; it lacks its end: the recording may be cut off"));
   }
   return code;

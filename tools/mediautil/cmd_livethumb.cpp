@@ -64,9 +64,9 @@ int WriteThumb(const SharedThumb& thumb, const Camera& camera, int streamNo, con
   if (thumb.GetThumb(jpeg) != 0) {
     return FailThumb(camera, streamNo);
   }
-  const int code = WriteOutput(output, jpeg.first.get(), jpeg.second);
+  const int code = WritePicture(output, jpeg.first.get(), jpeg.second);
   if (code == kDone) {
-    Note(output + ": " + StreamName(camera.id, streamNo) + ", " + std::to_string(jpeg.second) + " bytes");
+    Note(OutputName(output) + ": " + StreamName(camera.id, streamNo) + ", " + std::to_string(jpeg.second) + " bytes");
   }
   return code;
 }

@@ -2,6 +2,7 @@
 #include <json/json.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <limits>
 #include <memory>
 
@@ -11,7 +12,9 @@
 namespace {
 
 constexpr int kSchema = 1;
+constexpr int kMaxCategory = DbgLogCfg::kCategCount - 1;
 constexpr int kMaxLevel = LOG_LEVEL_TRACE;
+constexpr int kUsualLevel = LOG_LEVEL_WARN;  // of a process that follows no record
 
 struct LogLevelArgs {
   std::string category;
@@ -48,21 +51,25 @@ int Parse(const std::string& text, int last, std::vector<std::string>& names) {
   return -1;
 }
 
+// What to give instead of a word that is neither.
+std::string NameOrNumber(int last) {
+  return "give a name that log-level shows, or 0 to " + std::to_string(last);
+}
+
 // Puts the wanted changes into the record.
 int Change(const LogLevelArgs& args, const std::string& directory) {
   const std::string failed = directory + ": cannot write the log record; check the directory and its permissions";
   if (!args.category.empty()) {
     std::vector<std::string> names;
-    const int categ = Parse<LOG_CATEG>(args.category, DbgLogCfg::kCategCount - 1, names);
+    const int categ = Parse<LOG_CATEG>(args.category, kMaxCategory, names);
     if (categ < 0) {
-      return Fail(kUsage, "unknown category " + args.category +
-                              Suggestion(args.category, names, "give a name that log-level shows, or 0 to 511"));
+      return Fail(kUsage,
+                  "unknown category " + args.category + Suggestion(args.category, names, NameOrNumber(kMaxCategory)));
     }
     names = {"off"};
     const int level = LowerCase(args.level) == "off" ? 0 : Parse<LOG_LEVEL>(args.level, kMaxLevel, names);
     if (level < 0) {
-      return Fail(kUsage, "unknown level " + args.level +
-                              Suggestion(args.level, names, "give a name that log-level shows, or 0 to 7"));
+      return Fail(kUsage, "unknown level " + args.level + Suggestion(args.level, names, NameOrNumber(kMaxLevel)));
     }
     if (SetDbgLogLevel(static_cast<LOG_CATEG>(categ), level) != 0) {
       return Fail(kFailed, failed);
@@ -85,8 +92,8 @@ const DbgLogCfg* SharedRecord() {
 std::vector<std::pair<int, int>> Thresholds(const DbgLogCfg* record) {
   std::vector<std::pair<int, int>> thresholds;
   for (int categ = 0; categ < DbgLogCfg::kCategCount; ++categ) {
-    const int level = record != nullptr ? record->categLevel[categ] : LOG_LEVEL_WARN;
-    if (level != LOG_LEVEL_WARN || !CategoryName(categ).empty()) {
+    const int level = record != nullptr ? record->categLevel[categ] : kUsualLevel;
+    if (level != kUsualLevel || !CategoryName(categ).empty()) {
       thresholds.emplace_back(categ, level);
     }
   }
@@ -112,7 +119,7 @@ std::string Text(const DbgLogCfg* record, const std::string& directory) {
   for (const int pid : pids) {
     text += " " + std::to_string(pid);
   }
-  return text + (pids.empty() ? " all\n" : " (all others use level 3)\n");
+  return text + (pids.empty() ? " all\n" : " (all others use level " + std::to_string(kUsualLevel) + ")\n");
 }
 
 std::string JsonText(const DbgLogCfg* record, const std::string& directory) {
@@ -157,7 +164,9 @@ void AddLogLevel(CLI::App& app, Action& action) {
   const auto args = std::make_shared<LogLevelArgs>();
   CLI::Option* category =
       command->add_option("CATEGORY", args->category, "what to log more or less of: name or number")->type_name("");
-  CLI::Option* level = command->add_option("LEVEL", args->level, "0 (off) to 7 (everything), or a name")->type_name("");
+  CLI::Option* level =
+      command->add_option("LEVEL", args->level, "0 (off) to " + std::to_string(kMaxLevel) + " (everything), or a name")
+          ->type_name("");
   category->needs(level);
   command->add_option("--pid", args->pids, "only these processes follow the record; replaces the list")
       ->type_name("N")

@@ -1,6 +1,5 @@
 // mediautil mix: the sounds of several recordings as one.
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -9,6 +8,7 @@
 #include "tools/mediautil/outputfile.h"
 #include "tools/mediautil/progress.h"
 #include "tools/mediautil/recording.h"
+#include "tools/mediautil/soundjob.h"
 #include "tools/mediautil/soundsource.h"
 #include "tools/mediautil/stopsignals.h"
 #include "utils/audiomixer.h"
@@ -65,14 +65,10 @@ int AddInput(const std::string& input, AudioMixer& mixer, Longest& longest) {
   return kDone;
 }
 
-std::string Text(double seconds) {
-  return SecondsText(static_cast<std::int64_t>(seconds * kMicro));
-}
-
-// errno for a negative result of the mixer. Its -1 tells of none, nor do FFmpeg's own codes.
+// errno of a result of the mixer; 0 for its -1 and for FFmpeg's own codes, which tell of none.
 int ErrorOf(int result) {
   constexpr int kLargestErrno = 4095;
-  return result == -1 || result < -kLargestErrno ? EIO : -result;
+  return result >= -1 || result < -kLargestErrno ? 0 : -result;
 }
 
 int WriteMix(const MixArgs& args, AudioMixer& mixer, OutputFile& output, Progress& progress) {
@@ -82,9 +78,10 @@ int WriteMix(const MixArgs& args, AudioMixer& mixer, OutputFile& output, Progres
     progress.Update(mixer.MixedSeconds());
   }
   progress.Hide();
-  if (result < 0 && !StopSignals::Seen() && !output.TakeError(ErrorOf(result))) {
-    return Fail(kFailed,
-                args.output + ": cannot mix the sounds: " + std::strerror(ErrorOf(result)) + "; run again with -v");
+  const int error = ErrorOf(result);
+  if (result < 0 && !StopSignals::Seen() && (error == 0 || !output.TakeError(error))) {
+    const std::string why = error == 0 ? "" : std::string(": ") + std::strerror(error);
+    return Fail(kFailed, args.output + ": cannot mix the sounds" + why + "; run again with -v");
   }
   if (result >= 0 && mixer.IsFinished() && mixer.MixedSeconds() <= 0) {
     return Fail(kFailed, args.output + ": nothing of the recordings' sound could be decoded; check that they were " +
@@ -113,11 +110,8 @@ int Mix(const MixArgs& args) {
     return code;
   }
   const double mixed = mixer.MixedSeconds();
-  constexpr double kAudible = 1;  // second
-  if (longest.seconds - mixed > std::max(kAudible, longest.seconds / 10)) {
-    Note(longest.name + ": only " + Text(mixed) + " of " + Text(longest.seconds) + " could be decoded");
-  }
-  Note(args.output + ": " + std::to_string(args.inputs.size()) + " sounds, " + Text(mixed));
+  NoteCut(longest.name, mixed, longest.seconds);
+  Note(args.output + ": " + std::to_string(args.inputs.size()) + " sounds, " + SecondsText(mixed));
   progress.Finish(mixed);
   return kDone;
 }

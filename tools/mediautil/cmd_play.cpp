@@ -57,6 +57,10 @@ int Play(const SoundArgs& args) {
   if (const int code = OpenSound(args, source); code != kDone) {
     return code;
   }
+  if (!source.IsAlone()) {
+    return Fail(kFailed, args.input + ": cannot play it: it holds more than one sound; take that out first, as with " +
+                             "mediautil mp3");
+  }
   DemuxMp3 demux;
   ESFormat format;
   if (demux.Open(InputPath(args.input), format) != 0) {
@@ -97,7 +101,7 @@ void AddPlay(CLI::App& app, Action& action) {
       app.add_subcommand("play", "Write sound to stdout as raw 16-bit samples, at the pace of hearing.");
   const auto args = std::make_shared<SoundArgs>();
   args->output = "-";
-  command->add_option("SRC", args->input, "recording or sound file to read")->required()->type_name("");
+  command->add_option("SRC", args->input, "sound file to read")->required()->type_name("");
   AddProgressOption(*command, args->progress);
   command->footer(
       "Examples:\n  mediautil play siren.mp3 | aplay -q -t raw -f S16_LE -r 44100 -c 2\n"

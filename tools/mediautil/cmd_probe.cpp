@@ -6,13 +6,8 @@
 #include <memory>
 
 #include "tools/mediautil/args.h"
-#include "utils/esformat.h"
-#include "utils/ffmpegdemuxer.h"
+#include "tools/mediautil/recording.h"
 #include "utils/mpeg4util.h"
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
 
 namespace {
 
@@ -34,10 +29,6 @@ std::string FourCCText(std::uint32_t code) {
   return text;
 }
 
-std::string CodecName(const ESFormat& fmt) {
-  return avcodec_get_name(static_cast<AVCodecID>(fmt.i_codec_id));
-}
-
 // What video and sound have in common comes last in the text and in the object.
 std::string StreamText(const ESFormat& fmt, const std::string& details) {
   const std::string fourcc = FourCCText(fmt.i_codec);
@@ -46,16 +37,18 @@ std::string StreamText(const ESFormat& fmt, const std::string& details) {
          std::to_string(fmt.i_extra) + " bytes extradata\n";
 }
 
-std::string Text(const std::string& path, unsigned int duration, const ESFormat& video, const ESFormat& audio) {
+std::string Text(const std::string& path, unsigned int duration, const Recording& recording) {
   std::string text = "file:      " + path + "\nduration:  " + std::to_string(duration) + " s\n";
-  if (video.i_cat == ES_VIDEO) {
+  if (recording.HasVideo()) {
+    const auto& video = recording.video.video;
     text += "video:     " +
-            StreamText(video, std::to_string(video.video.i_width) + "x" + std::to_string(video.video.i_height));
+            StreamText(recording.video, std::to_string(video.i_width) + "x" + std::to_string(video.i_height));
   }
-  if (audio.i_cat == ES_AUDIO) {
-    const int channels = audio.audio.i_channels;
-    text += "audio:     " + StreamText(audio, std::to_string(audio.audio.i_rate) + " Hz, " + std::to_string(channels) +
-                                                  (channels == 1 ? " channel" : " channels"));
+  if (recording.HasAudio()) {
+    const auto& audio = recording.audio.audio;
+    text += "audio:     " +
+            StreamText(recording.audio, std::to_string(audio.i_rate) + " Hz, " + std::to_string(audio.i_channels) +
+                                            (audio.i_channels == 1 ? " channel" : " channels"));
   }
   return text;
 }
@@ -68,22 +61,22 @@ void AddCommonFields(Json::Value& stream, const ESFormat& fmt) {
   stream["extradata_bytes"] = fmt.i_extra;
 }
 
-std::string JsonText(const std::string& path, unsigned int duration, const ESFormat& video, const ESFormat& audio) {
+std::string JsonText(const std::string& path, unsigned int duration, const Recording& recording) {
   Json::Value root;
   root["schema"] = kSchema;
   root["file"] = path;
   root["duration"] = duration;
   root["video"] = Json::Value();
   root["audio"] = Json::Value();
-  if (video.i_cat == ES_VIDEO) {
-    AddCommonFields(root["video"], video);
-    root["video"]["width"] = video.video.i_width;
-    root["video"]["height"] = video.video.i_height;
+  if (recording.HasVideo()) {
+    AddCommonFields(root["video"], recording.video);
+    root["video"]["width"] = recording.video.video.i_width;
+    root["video"]["height"] = recording.video.video.i_height;
   }
-  if (audio.i_cat == ES_AUDIO) {
-    AddCommonFields(root["audio"], audio);
-    root["audio"]["rate"] = audio.audio.i_rate;
-    root["audio"]["channels"] = audio.audio.i_channels;
+  if (recording.HasAudio()) {
+    AddCommonFields(root["audio"], recording.audio);
+    root["audio"]["rate"] = recording.audio.audio.i_rate;
+    root["audio"]["channels"] = recording.audio.audio.i_channels;
   }
   return JsonLine(root);
 }
@@ -92,26 +85,16 @@ int Probe(const ProbeArgs& args) {
   if (const int code = CheckInput(args.input); code != kDone) {
     return code;
   }
-  const std::string path = InputPath(args.input);
-  ESFormat video;
-  ESFormat audio;
-  const int opened = FFmpegDemux().Open(path, video, audio);
-  std::string result;
-  if (opened == 0 && (video.i_cat == ES_VIDEO || audio.i_cat == ES_AUDIO)) {
-    const unsigned int duration = DoFFMpegGetDuration(path);
-    result = args.json ? JsonText(args.input, duration, video, audio) : Text(args.input, duration, video, audio);
+  Recording recording;
+  if (const int code = OpenRecording(args.input, recording); code != kDone) {
+    return code;
   }
-  video.Reset(ES_UNKNOWN);
-  audio.Reset(ES_UNKNOWN);
-  if (opened != 0) {
-    return Fail(kBadInput,
-                args.input + ": cannot open the recording: not media, or damaged; check that it was copied whole");
-  }
-  if (result.empty()) {
+  if (!recording.HasVideo() && !recording.HasAudio()) {
     return Fail(kBadInput,
                 args.input + ": cannot find a stream: neither video nor sound; check that it is a recording");
   }
-  return PrintResult(result);
+  const unsigned int duration = DoFFMpegGetDuration(InputPath(args.input));
+  return PrintResult(args.json ? JsonText(args.input, duration, recording) : Text(args.input, duration, recording));
 }
 
 }  // namespace

@@ -22,6 +22,9 @@ namespace {
 
 constexpr int kHttpPort = 5000;
 constexpr int kHttpsPort = 5001;
+constexpr const char* kCgiPath = "webapi/entry.cgi";  // of every request to the web API
+constexpr int kAuthVersion = 3;
+
 constexpr unsigned int kGrace = 2;     // seconds for the library to come back after Ctrl-C
 constexpr int kReachTimeout = 5;       // seconds
 constexpr int kNotLoggedInResult = 3;  // of the library
@@ -75,7 +78,7 @@ std::string WhatToTry(int code) {
 
 int FailRefused(const std::string& what, int code, const std::string& whatToTry) {
   return code == kNotLoggedInCode
-             ? Fail(kNotLoggedIn, what + "the remote ended the session (code 105); push again")
+             ? Fail(kNotLoggedIn, what + "the remote ended the session (code " + std::to_string(code) + "); push again")
              : Fail(kRefused, what + "the remote refused it with code " + std::to_string(code) + "; " + whatToTry);
 }
 
@@ -111,9 +114,10 @@ int FailFile(const std::string& path, const std::string& localFault, int result,
 int FailLogin(const PushArgs& args) {
   const std::string what = args.Remote() + ": not logged in: ";
   Json::Value reply;
-  const Json::Value request = GetJsonAPIInfo("ZELK.API.Auth", "logout", 3);
-  if (SendWebAPIWithEncrypt(args.host, args.Port(), "", request, reply, args.https, true, kReachTimeout,
-                            "webapi/entry.cgi") < 0) {
+  const Json::Value request = GetJsonAPIInfo("ZELK.API.Auth", "logout", kAuthVersion);
+  const int reached =
+      SendWebAPIWithEncrypt(args.host, args.Port(), "", request, reply, args.https, true, kReachTimeout, kCgiPath);
+  if (reached < 0) {
     return Fail(kNotLoggedIn, what + "no recorder answers there" +
                                   (args.https ? ", or its certificate is not trusted" : "") +
                                   "; check --host, --port and --https, and see the reason with -v");
@@ -176,7 +180,7 @@ class PushSender : public WebapiSender {
                            what + "the rename was not acknowledged; look which name it has there, then push again");
   }
 
-  int ExitCode() const { return m_exitCode; }  // kDone, or that of the last failure
+  int ExitCode() const { return m_exitCode; }  // kDone, or that of the last failure that was told
   std::size_t Files() const { return m_files; }
   long long Bytes() const { return m_bytes; }
 
@@ -223,6 +227,13 @@ int SendOneFile(const PushArgs& args, const Source& source, PushSender& sender) 
 }
 
 int SendDirectory(const PushArgs& args, const Source& source, PushSender& sender) {
+  if (args.tmpDir && source.files == 0) {
+    // Without a file nothing tells later that the making was refused.
+    sender.CreateRemoteDir({}, args.TmpDir(), true);
+    if (sender.IsMakingFailed()) {
+      return sender.ExitCode();
+    }
+  }
   const int result = sender.SendDir(source.path, true, args.dest, args.tmpDir);
   if (StopSignals::Seen()) {
     return kDone;
@@ -244,7 +255,7 @@ int SendDirectory(const PushArgs& args, const Source& source, PushSender& sender
 }
 
 int Send(const PushArgs& args, const Source& source, const std::string& password) {
-  Progress progress(ChooseProgress(args.progress), static_cast<double>(source.bytes), ProgressUnit::Bytes);
+  Progress progress(ChooseProgress(args.progress), static_cast<double>(source.bytes), ProgressUnit::kBytes);
   PushSender sender(progress, args, source);
   if (sender.Login(args.host, args.Port(), args.account, password, args.otp, args.https) != 0) {
     return StopSignals::Seen() ? kDone : FailLogin(args);
@@ -292,10 +303,12 @@ int Measure(const std::string& path, Source& source) {
   if (!source.isDir) {
     // The trigger log lies two directories up, which a relative path may not tell.
     const std::filesystem::path given(path);
-    std::error_code ignored;
-    source.path =
-        (std::filesystem::canonical(given.has_parent_path() ? given.parent_path() : ".", ignored) / given.filename())
-            .string();
+    std::error_code error;
+    const auto directory = std::filesystem::canonical(given.has_parent_path() ? given.parent_path() : ".", error);
+    if (error) {
+      return Fail(kBadInput, what + error.message() + "; check the path and the permissions");
+    }
+    source.path = (directory / given.filename()).string();
     source.files = 1;
     source.bytes = status.st_size;
     return kDone;

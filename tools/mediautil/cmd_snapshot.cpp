@@ -13,11 +13,8 @@ struct SnapshotArgs : PictureArgs {
 };
 
 int Snapshot(const SnapshotArgs& args) {
-  if (const int code = CheckPictureArgs(args); code != kDone) {
-    return code;
-  }
   KeyFrame key;
-  if (const int code = FindKeyFrame(args.input, args.at, key); code != kDone) {
+  if (const int code = FindKeyFrame(args, key); code != kDone) {
     return code;
   }
   Picture picture;
@@ -26,7 +23,7 @@ int Snapshot(const SnapshotArgs& args) {
   }
   const int code = WriteJpeg(args, *picture, args.quality, args.privacy);
   if (code == kDone) {
-    Note(args.output + ": " + SizeText(*picture) + KeyFrameText(key));
+    Note(OutputName(args.output) + ": " + SizeText(*picture) + KeyFrameText(key));
   }
   return code;
 }

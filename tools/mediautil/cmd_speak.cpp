@@ -1,6 +1,7 @@
 // mediautil speak: sound as a camera's loudspeaker takes it.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <sstream>

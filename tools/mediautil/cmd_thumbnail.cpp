@@ -13,11 +13,8 @@ struct ThumbnailArgs : PictureArgs {
 };
 
 int Thumbnail(const ThumbnailArgs& args) {
-  if (const int code = CheckPictureArgs(args); code != kDone) {
-    return code;
-  }
   KeyFrame key;
-  if (const int code = FindKeyFrame(args.input, args.at, key); code != kDone) {
+  if (const int code = FindKeyFrame(args, key); code != kDone) {
     return code;
   }
   ImageObject image;
@@ -35,9 +32,9 @@ int Thumbnail(const ThumbnailArgs& args) {
     return Fail(kFailed, args.input + ": cannot make the JPEG; run again with -v for the cause");
   }
   const std::unique_ptr<unsigned char[]> jpeg(bytes);
-  const int code = WriteOutput(args.output, jpeg.get(), size);
+  const int code = WritePicture(args.output, jpeg.get(), size);
   if (code == kDone) {
-    Note(args.output + ": " + std::to_string(width) + "x" + std::to_string(height) + KeyFrameText(key));
+    Note(OutputName(args.output) + ": " + std::to_string(width) + "x" + std::to_string(height) + KeyFrameText(key));
   }
   return code;
 }

@@ -1,6 +1,7 @@
 #include "tools/mediautil/exporter.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "tools/mediautil/args.h"
 #include "tools/mediautil/stopsignals.h"
@@ -16,27 +17,32 @@ constexpr std::int64_t kLongestWait = 5 * kMicro;       // for the rest of the o
 constexpr std::int64_t kAudibleHole = kMicro * 3 / 10;  // of all holes in encoded sound together
 constexpr int kMostJumps = 20;                          // that are told one by one
 
+// AAC-LC of the stream's rate. The configuration of HE-AAC may begin alike, but with the rate of its core.
 bool IsLowComplexityAac(const ESFormat& audio) {
-  constexpr int kLowComplexity = 2;
-  return audio.i_extra < 1 || audio.p_extra[0] >> 3 == kLowComplexity;
+  constexpr unsigned int kLowComplexity = 2;
+  constexpr unsigned int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                     22050, 16000, 12000, 11025, 8000,  7350};
+  if (audio.i_extra < 2) {
+    return audio.i_extra < 1;
+  }
+  const unsigned int begin = static_cast<unsigned int>(audio.p_extra[0]) << 8 | audio.p_extra[1];
+  const unsigned int rateIndex = begin >> 7 & 0x0F;
+  return begin >> 11 == kLowComplexity && rateIndex < std::size(kRates) && kRates[rateIndex] == audio.audio.i_rate;
 }
 
 std::string G726Extra(const ESFormat& audio) {
-  const int kilobits = audio.i_bitrate / 1000;
+  constexpr unsigned int kRate = 8000;  // the muxer knows no other
+  const int kilobits = audio.audio.i_rate == kRate ? audio.i_bitrate / 1000 : 0;
   return kilobits == 16 || kilobits == 24 || kilobits == 32 || kilobits == 40 ? std::to_string(kilobits) : "";
 }
 
 Track TrackOf(const ESFormat& fmt) {
-  return fmt.i_cat == ES_VIDEO ? Track::Video : Track::Audio;
-}
-
-// Decoding times rise; only where they are missing, the times of the pictures have to do.
-std::int64_t DecodingTime(const AVPacket& pkt) {
-  return pkt.dts != AV_NOPTS_VALUE ? pkt.dts : pkt.pts;
+  return fmt.i_cat == ES_VIDEO ? Track::kVideo : Track::kAudio;
 }
 
 std::int64_t Duration(const AVPacket& pkt, const AVStream& st) {
-  return ClockTime(std::max<std::int64_t>(pkt.duration, 0), st);
+  constexpr std::int64_t kLongestFrame = 3600 * kMicro;
+  return std::min(ClockTime(std::max<std::int64_t>(pkt.duration, 0), st), kLongestFrame);
 }
 
 }  // namespace
@@ -127,7 +133,7 @@ int Exporter::AddStreams() {
 }
 
 int Exporter::FailHeader() const {
-  const std::string name = avcodec_get_name(static_cast<AVCodecID>(m_recording.video.i_codec_id));
+  const std::string name = CodecName(m_recording.video);
   if (m_plan.format == FFMPEG_MUXER_FORMAT_FLV && m_plan.hasVideo && name != "h264") {
     return Fail(kFailed, m_plan.input + ": FLV cannot hold " + name + " video; write an .mp4 instead");
   }
@@ -144,7 +150,7 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
     return FETCH_CONN_STOP;
   }
   const Track track = TrackOf(fmt);
-  const bool wanted = track == Track::Video ? exporter.m_plan.hasVideo : exporter.m_plan.hasAudio;
+  const bool wanted = track == Track::kVideo ? exporter.m_plan.hasVideo : exporter.m_plan.hasAudio;
   if (!wanted || pkt.size < 1) {
     return FETCH_CONN_NEXT;
   }
@@ -152,7 +158,7 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
   if (time != AV_NOPTS_VALUE && time > exporter.m_plan.to) {
     return exporter.Pass(track, time);
   }
-  if (track == Track::Video) {
+  if (track == Track::kVideo) {
     exporter.TakeVideo(pkt, *st, time);
   } else {
     exporter.TakeAudio(pkt, *st, time);
@@ -161,9 +167,9 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
   return FETCH_CONN_NEXT;
 }
 
-// Microseconds from the start of the recording.
+// Microseconds from the start of the recording, in decoding times: those rise.
 std::int64_t Exporter::FromStart(const AVPacket& pkt, const AVStream& st) {
-  const std::int64_t time = ClockTime(DecodingTime(pkt), st);
+  const std::int64_t time = ClockTime(DecodedAt(pkt), st);
   if (!m_start) {
     const AVStream* video = m_plan.hasVideo ? m_recording.demux.GetVdoStream() : nullptr;
     const AVStream& leader = video == nullptr ? st : *video;
@@ -181,13 +187,14 @@ FETCH_CONN Exporter::Pass(Track track, std::int64_t time) {
 
 void Exporter::TakeVideo(const AVPacket& pkt, const AVStream& st, std::int64_t time) {
   const bool isKey = (pkt.flags & AV_PKT_FLAG_KEY) != 0;
-  const std::int64_t shown = StreamTime(pkt.pts != AV_NOPTS_VALUE ? pkt.pts : pkt.dts, st);
+  const std::int64_t shown = StreamTime(ShownAt(pkt), st);
   if (m_videoFrames == 0 && (!isKey || (shown != AV_NOPTS_VALUE && shown < m_plan.from))) {
     m_skipped += m_plan.from == kFromStart ? 1 : 0;
     return;
   }
   WatchOrder(shown);
-  const std::int64_t placed = m_timeline.Place(Track::Video, time, Duration(pkt, st));
+  // Pictures that belong before the first sound are needed by later ones.
+  const std::int64_t placed = std::max(m_timeline.Place(Track::kVideo, time, Duration(pkt, st)), Timeline::kFirst);
   Count(m_muxer.WriteVdoFrame(pkt.data, pkt.size, placed, isKey), m_videoFrames);
 }
 
@@ -196,7 +203,7 @@ void Exporter::TakeAudio(const AVPacket& pkt, const AVStream& st, std::int64_t t
     return;
   }
   const std::int64_t duration = Duration(pkt, st);
-  const std::int64_t placed = m_timeline.Place(Track::Audio, time, duration);
+  const std::int64_t placed = m_timeline.Place(Track::kAudio, time, duration);
   if (placed < Timeline::kFirst) {
     return;
   }

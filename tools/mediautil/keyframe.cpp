@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -40,12 +39,12 @@ struct Search {
   FETCH_CONN Look(const AVPacket& pkt, const AVStream& st) {
     // Frames are shown in another order than they are stored, but never before their decoding time: what is read after
     // a packet whose decoding time is past cannot be at or before the wanted time.
-    const std::int64_t decodeTime = StreamTime(pkt.dts != AV_NOPTS_VALUE ? pkt.dts : pkt.pts, st);
+    const std::int64_t decodeTime = StreamTime(DecodedAt(pkt), st);
     const bool past = decodeTime != AV_NOPTS_VALUE && decodeTime > wanted;
     if (past && (found || !takeFirst)) {
       return FETCH_CONN_STOP;
     }
-    const std::int64_t keyTime = StreamTime(pkt.pts != AV_NOPTS_VALUE ? pkt.pts : pkt.dts, st);
+    const std::int64_t keyTime = StreamTime(ShownAt(pkt), st);
     const bool key = (unmarked || (pkt.flags & AV_PKT_FLAG_KEY) != 0) && pkt.size > 0;
     if (key && (Fits(keyTime) || (takeFirst && !found))) {
       found = true;
@@ -58,8 +57,8 @@ struct Search {
 
 }  // namespace
 
-int VideoType(int codecId) {
-  return VideoTypeOf(avcodec_get_name(static_cast<AVCodecID>(codecId)));
+int VideoType(const ESFormat& video) {
+  return VideoTypeOf(CodecName(video));
 }
 
 int OpenVideo(const std::string& path, Recording& recording) {
@@ -69,9 +68,8 @@ int OpenVideo(const std::string& path, Recording& recording) {
   if (recording.demux.GetVdoStream() == nullptr) {
     return Fail(kFailed, path + ": cannot find a key frame: no video stream; mediautil probe shows what it holds");
   }
-  if (VideoType(recording.video.i_codec_id) == 0) {
-    return Fail(kFailed, path + ": cannot decode " +
-                             avcodec_get_name(static_cast<AVCodecID>(recording.video.i_codec_id)) +
+  if (VideoType(recording.video) == 0) {
+    return Fail(kFailed, path + ": cannot decode " + CodecName(recording.video) +
                              " video: only MJPEG, MPEG-4, H.264, HEVC and MxPEG are; convert the recording first");
   }
   return kDone;
@@ -118,7 +116,7 @@ int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFr
   if (at && search.time == AV_NOPTS_VALUE) {
     return Fail(kFailed, path + ": cannot find the time: its video carries no times; leave --at out");
   }
-  frame.videoType = VideoType(recording->video.i_codec_id);
+  frame.videoType = VideoType(recording->video);
   frame.extradata.assign(recording->video.p_extra, recording->video.p_extra + recording->video.i_extra);
   frame.data = std::move(search.data);
   if (search.time != AV_NOPTS_VALUE) {
@@ -127,13 +125,13 @@ int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFr
   return kDone;
 }
 
+int FindKeyFrame(const PictureArgs& args, KeyFrame& frame) {
+  const int code = CheckPictureArgs(args);
+  return code == kDone ? FindKeyFrame(args.input, args.at, frame) : code;
+}
+
 std::string KeyFrameText(const KeyFrame& frame) {
-  if (!frame.seconds) {
-    return {};
-  }
-  char text[64];
-  std::snprintf(text, sizeof(text), " (key frame at %.3f s)", *frame.seconds);
-  return text;
+  return frame.seconds ? " (key frame at " + SecondsText(*frame.seconds) + ")" : "";
 }
 
 void PictureDeleter::operator()(AVFrame* picture) const {
@@ -161,7 +159,7 @@ int WriteJpeg(const PictureArgs& args, AVFrame& picture, int quality, const std:
                              (privacyRegion.empty() ? "" : " or paint the privacy regions") + ": too many details; " +
                              advice);
   }
-  const int code = WriteOutput(args.output, jpeg, static_cast<unsigned int>(size));
+  const int code = WritePicture(args.output, jpeg, static_cast<unsigned int>(size));
   std::free(jpeg);
   return code;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 struct AVFrame;
+struct ESFormat;
 struct PictureArgs;
 struct Recording;
 
@@ -20,12 +21,15 @@ struct KeyFrame {
 // Opens a recording with video that can be decoded. kDone, or prints the error.
 int OpenVideo(const std::string& path, Recording& recording);
 
-// The video type of a codec, as DoFFMpegInitVideo takes it; 0 for one that it does not decode.
-int VideoType(int codecId);
+// The video type of a stream, as DoFFMpegInitVideo takes it; 0 for a codec that it does not decode.
+int VideoType(const ESFormat& video);
 
 // Finds the last key frame at or before a time, counted from the start of the stream; the first one without a time or
 // for a time before it. Returns an exit code, and has printed the error when it is not kDone.
 int FindKeyFrame(const std::string& path, const std::optional<double>& at, KeyFrame& frame);
+
+// The same for a command that makes a picture, its arguments checked first.
+int FindKeyFrame(const PictureArgs& args, KeyFrame& frame);
 
 // " (key frame at 2.000 s)", or nothing when the frame has no time.
 std::string KeyFrameText(const KeyFrame& frame);

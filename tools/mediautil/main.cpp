@@ -2,6 +2,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
+#include <exception>
+#include <iterator>
 #include <new>
 
 #include "platform/log.h"
@@ -32,26 +34,8 @@ void SetUpLog(const LogArgs& args, int usual) {
   g_pDbgLogCfg = &own;
 }
 
-std::vector<std::string> OptionNames(const CLI::App& command) {
-  std::vector<std::string> names;
-  for (const CLI::Option* option : command.get_options()) {
-    for (const std::string& name : option->get_lnames()) {
-      names.push_back("--" + name);
-    }
-  }
-  return names;
-}
-
-std::vector<std::string> CommandNames(const CLI::App& app) {
-  std::vector<std::string> names;
-  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
-    names.push_back(command->get_name());
-  }
-  return names;
-}
-
 // A word that the parser did not know explains the failure better than what is missing in its place.
-int FailUsage(const CLI::App& app, const CLI::ParseError& error) {
+int FailUsage(CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   const CLI::App& command = chosen.empty() ? app : *chosen.front();
   const std::string help = "see mediautil " + (chosen.empty() ? "" : command.get_name() + " ") + "--help";

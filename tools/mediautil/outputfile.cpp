@@ -16,9 +16,10 @@
 
 namespace {
 
+// With a slash at its end.
 std::string DirectoryOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
 }  // namespace
@@ -38,7 +39,7 @@ int OutputFile::Open() {
   if (struct stat old = {}; stat(m_output.c_str(), &old) == 0) {
     m_mode = old.st_mode & 0777;
   }
-  const std::string temporary = DirectoryOf(m_output) + "/.export-" + std::to_string(getpid()) + m_ending;
+  const std::string temporary = DirectoryOf(m_output) + ".export-" + std::to_string(getpid()) + m_ending;
   unlink(temporary.c_str());  // of a process that was killed and had the same number
   // Whoever writes may open it again, and nobody reads in it what he could not read before.
   m_fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, m_mode ? 0600 : 0666);
@@ -80,7 +81,7 @@ bool OutputFile::TakeError(int error) {
 
 int OutputFile::Commit() {
   if (StopSignals::Seen()) {
-    return Fail(kInterrupted, Name() + ": interrupted; nothing was written");
+    return Fail(kInterrupted, OutputName(m_output) + ": interrupted; nothing was written");
   }
   if (IsFailed()) {
     return FailWrite();

@@ -32,9 +32,6 @@ class OutputFile {
   // What that writing failed with. False for an errno that tells of something else.
   bool TakeError(int error);
 
-  // "stdout", or as named.
-  std::string Name() const { return m_output == "-" ? "stdout" : m_output; }
-
   // Puts the file into its place, on the disk. kDone, or prints the error, also that of an earlier write, or that a
   // signal came.
   int Commit();

@@ -36,7 +36,7 @@ void DefineProgram(CLI::App& app, Action& action, LogArgs& log) {
   AddLiveThumb(app, action);
   AddLogLevel(app, action);
   AddLogOptions(app, log);
-  for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+  for (CLI::App* command : Commands(app)) {
     AddLogOptions(*command, log);
     command->get_formatter()->column_width(29);
   }
@@ -46,4 +46,26 @@ void DefineProgram(CLI::App& app, Action& action, LogArgs& log) {
       "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 input unreadable or not media, 4 refused by the remote,\n"
       "5 not logged in, 130 interrupted.\n\n"
       "Examples:\n  mediautil probe gate.mp4\n  mediautil snapshot gate.mp4 -o gate.jpg --at 12.5");
+}
+
+std::vector<CLI::App*> Commands(CLI::App& app) {
+  return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+std::vector<std::string> CommandNames(CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : Commands(app)) {
+    names.push_back(command->get_name());
+  }
+  return names;
+}
+
+std::vector<std::string> OptionNames(const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
+    }
+  }
+  return names;
 }

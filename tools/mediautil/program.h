@@ -10,3 +10,10 @@ struct LogArgs {
 
 // Adds all commands and options to app, and puts what a command line asks for into action and log.
 void DefineProgram(CLI::App& app, Action& action, LogArgs& log);
+
+// The commands in the order of the program, and their names.
+std::vector<CLI::App*> Commands(CLI::App& app);
+std::vector<std::string> CommandNames(CLI::App& app);
+
+// The long names of the options of a command or of the program.
+std::vector<std::string> OptionNames(const CLI::App& command);

@@ -26,22 +26,22 @@ void AddProgressOption(CLI::App& command, std::string& option) {
 
 ProgressForm ChooseProgress(const std::string& option) {
   if (option == "json") {
-    return ProgressForm::Json;
+    return ProgressForm::kJson;
   }
   const bool wanted = !option.empty() || !IsQuiet();
-  return wanted && isatty(STDERR_FILENO) != 0 ? ProgressForm::Text : ProgressForm::None;
+  return wanted && isatty(STDERR_FILENO) != 0 ? ProgressForm::kText : ProgressForm::kNone;
 }
 
 Progress::Progress(ProgressForm form, double total, ProgressUnit unit) : m_form(form), m_total(total), m_unit(unit) {
-  m_next = m_begin + (form == ProgressForm::Text ? Clock::duration(kShortWork) : Clock::duration(kPause));
+  m_next = m_begin + (form == ProgressForm::kText ? Clock::duration(kShortWork) : Clock::duration(kPause));
 }
 
 void Progress::Update(double done) {
-  if (m_form == ProgressForm::None || Clock::now() < m_next) {
+  if (m_form == ProgressForm::kNone || Clock::now() < m_next) {
     return;
   }
   m_next = Clock::now() + kPause;
-  if (m_form == ProgressForm::Text) {
+  if (m_form == ProgressForm::kText) {
     ShowText(done, Rate(done));
   } else {
     ShowJson(done, Rate(done), false);
@@ -50,7 +50,7 @@ void Progress::Update(double done) {
 
 void Progress::Finish(double done) {
   Hide();
-  if (m_form == ProgressForm::Json) {
+  if (m_form == ProgressForm::kJson) {
     ShowJson(done, Rate(done), true);
   }
 }
@@ -73,7 +73,7 @@ double Progress::Left(double done, double rate) const {
 }
 
 void Progress::ShowText(double done, double rate) {
-  const bool isBytes = m_unit == ProgressUnit::Bytes;
+  const bool isBytes = m_unit == ProgressUnit::kBytes;
   const double scale = isBytes ? 1e6 : 1;
   const char* unit = isBytes ? "MB" : "s";
   const char* rateUnit = isBytes ? " MB/s" : "x";

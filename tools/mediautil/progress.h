@@ -8,13 +8,13 @@ namespace CLI {
 class App;
 }
 
-enum class ProgressForm { None, Text, Json };
-enum class ProgressUnit { Seconds, Bytes };  // seconds of recording
+enum class ProgressForm { kNone, kText, kJson };
+enum class ProgressUnit { kSeconds, kBytes };  // seconds of recording
 
 class Progress {
  public:
   // total: 0 when not known.
-  Progress(ProgressForm form, double total, ProgressUnit unit = ProgressUnit::Seconds);
+  Progress(ProgressForm form, double total, ProgressUnit unit = ProgressUnit::kSeconds);
   // Clears the line.
   ~Progress() { Hide(); }
   Progress(const Progress&) = delete;

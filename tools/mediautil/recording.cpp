@@ -7,6 +7,8 @@
 #include "tools/mediautil/args.h"
 
 extern "C" {
+#include <libavcodec/codec_id.h>
+#include <libavcodec/packet.h>
 #include <libavformat/avformat.h>
 #include <libavutil/common.h>
 #include <libavutil/mathematics.h>
@@ -18,10 +20,19 @@ Recording::~Recording() {
 }
 
 int OpenRecording(const std::string& path, Recording& recording) {
-  return recording.demux.Open(InputPath(path), recording.video, recording.audio) == 0
-             ? kDone
-             : Fail(kBadInput,
-                    path + ": cannot open the recording: not media, or damaged; check that it was copied whole");
+  return recording.demux.Open(InputPath(path), recording.video, recording.audio) == 0 ? kDone : FailNotMedia(path);
+}
+
+std::string CodecName(const ESFormat& fmt) {
+  return avcodec_get_name(static_cast<AVCodecID>(fmt.i_codec_id));
+}
+
+std::int64_t ShownAt(const AVPacket& packet) {
+  return packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+}
+
+std::int64_t DecodedAt(const AVPacket& packet) {
+  return packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
 }
 
 std::int64_t ClockTime(std::int64_t ts, const AVStream& st) {
@@ -46,7 +57,11 @@ void SeekBefore(Recording& recording, double seconds) {
 }
 
 std::string SecondsText(std::int64_t microseconds) {
-  char text[32];
-  std::snprintf(text, sizeof(text), "%.3f s", static_cast<double>(microseconds) / kMicro);
+  return SecondsText(static_cast<double>(microseconds) / kMicro);
+}
+
+std::string SecondsText(double seconds) {
+  char text[64];
+  std::snprintf(text, sizeof(text), "%.3f s", seconds);
   return text;
 }

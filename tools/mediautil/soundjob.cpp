@@ -1,5 +1,7 @@
 #include "tools/mediautil/soundjob.h"
 
+#include <algorithm>
+
 #include "tools/mediautil/args.h"
 #include "tools/mediautil/recording.h"
 #include "tools/mediautil/stopsignals.h"
@@ -15,6 +17,14 @@ int OpenSound(const SoundArgs& args, SoundSource& source) {
 int FailSilent(const SoundArgs& args) {
   return Fail(kFailed, args.input + ": nothing of its sound could be decoded; check that it was copied whole, or run " +
                            "again with -vv");
+}
+
+void NoteCut(const std::string& name, double done, double whole) {
+  constexpr double kAudible = 1;       // second
+  constexpr double kInaccuracy = 0.1;  // of the playing time that a recording tells
+  if (whole - done > std::max(kAudible, whole * kInaccuracy)) {
+    Note(name + ": only " + SecondsText(done) + " of " + SecondsText(whole) + " could be decoded");
+  }
 }
 
 int SoundJob::Run(const std::function<int()>& convert) {
@@ -51,11 +61,7 @@ int SoundJob::Conclude(int code) {
   if (result != kDone) {
     return result;
   }
-  constexpr double kAudible = 1;  // second
-  const auto text = [](double seconds) { return SecondsText(static_cast<std::int64_t>(seconds * kMicro)); };
-  if (source.Seconds() - m_done > std::max(kAudible, source.Seconds() / 10)) {
-    Note(m_args.input + ": only " + text(m_done) + " of " + text(source.Seconds()) + " could be decoded");
-  }
-  Note(output.Name() + ": " + text(m_done));
+  NoteCut(m_args.input, m_done, source.Seconds());
+  Note(OutputName(m_args.output) + ": " + SecondsText(m_done));
   return kDone;
 }

@@ -20,6 +20,9 @@ int OpenSound(const SoundArgs& args, SoundSource& source);
 // Prints that nothing came out of the input's decoder.
 int FailSilent(const SoundArgs& args);
 
+// Prints that only a part of a sound was decoded, in seconds, unless what lacks is little.
+void NoteCut(const std::string& name, double done, double whole);
+
 // A conversion under way.
 class SoundJob {
  public:

@@ -24,7 +24,7 @@ SoundSource::~SoundSource() {
 
 int SoundSource::Open(const std::string& path) {
   if (GetAVFormat(InputPath(path), m_input) != 0) {
-    return Fail(kBadInput, path + ": cannot open the recording: not media, or damaged; check that it was copied whole");
+    return FailNotMedia(path);
   }
   if (GetAVCodec(m_input, m_decoder, m_streamIndex) != 0) {
     return Fail(kBadInput, path + ": cannot find sound in it; mediautil probe shows what it holds");
@@ -51,6 +51,14 @@ double SoundSource::Seconds() const {
                              ? static_cast<double>(m_input->duration) / AV_TIME_BASE
                              : static_cast<double>(stream.duration) * av_q2d(stream.time_base);
   return std::max(seconds, 0.0);
+}
+
+bool SoundSource::IsAlone() const {
+  int streams = 0;
+  for (unsigned int i = 0; i < m_input->nb_streams; ++i) {
+    streams += (m_input->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC) == 0 ? 1 : 0;
+  }
+  return streams == 1;
 }
 
 void SoundSource::Decode(const std::function<bool(AVFrame&)>& take) {

@@ -26,6 +26,7 @@ class SoundSource {
   int Rate() const;  // Hz
   int Channels() const;
   double Seconds() const;  // playing time, 0 when not known
+  bool IsAlone() const;    // nothing else is in the file, pictures of a cover apart
 
   // Decodes it all and lends every frame to take, which returns false to stop; a stop signal ends it too. Damaged
   // packets are skipped.

@@ -21,7 +21,7 @@ void End(int) {
   _exit(kInterrupted);
 }
 
-void Note(int signal) {
+void OnSignal(int signal) {
   if (g_seen != 0 && g_grace != 0) {
     End(signal);
   }
@@ -34,13 +34,13 @@ void Note(int signal) {
 StopSignals::StopSignals(unsigned int grace) {
   g_grace = static_cast<std::sig_atomic_t>(grace);
   std::signal(SIGALRM, End);
-  struct sigaction noted = {};
-  noted.sa_handler = Note;
-  noted.sa_flags = 0;  // no restart: a write that waits for its reader ends
+  struct sigaction action = {};
+  action.sa_handler = OnSignal;
+  action.sa_flags = 0;  // no restart: a write that waits for its reader ends
   for (std::size_t i = 0; i < std::size(kSignals); ++i) {
     sigaction(kSignals[i], nullptr, &g_before[i]);
     if (g_before[i].sa_handler != SIG_IGN) {
-      sigaction(kSignals[i], &noted, nullptr);
+      sigaction(kSignals[i], &action, nullptr);
     }
   }
 }

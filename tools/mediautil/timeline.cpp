@@ -9,11 +9,12 @@ extern "C" {
 
 namespace {
 
-constexpr std::int64_t kMilli = 1000;
+constexpr std::int64_t kMillisecond = 1000;  // microseconds
 // Frames further apart than that mean that the clock was set, unless the recording has few frames anyway.
-constexpr std::int64_t kFarAhead = 5000 * kMilli;
-constexpr std::int64_t kFarBack = 500 * kMilli;
-constexpr std::int64_t kUsualStep = 40 * kMilli;
+constexpr std::int64_t kFarAhead = 5000 * kMillisecond;
+constexpr std::int64_t kFarBack = 500 * kMillisecond;
+constexpr std::int64_t kUsualStep = 40 * kMillisecond;
+constexpr std::int64_t kLongestDuration = 1000 * kFarAhead;  // so that sums do not overflow
 
 bool IsNear(std::int64_t a, std::int64_t b) {
   return std::abs(a - b) <= kFarAhead;
@@ -24,7 +25,7 @@ bool IsNear(std::int64_t a, std::int64_t b) {
 std::int64_t Timeline::Place(Track track, std::int64_t time, std::int64_t duration) {
   Line& line = m_lines[static_cast<std::size_t>(track)];
   const Line& other = m_lines[1 - static_cast<std::size_t>(track)];
-  duration = std::clamp<std::int64_t>(duration, 0, kFarAhead * 1000);
+  duration = std::clamp<std::int64_t>(duration, 0, kLongestDuration);
   const std::int64_t step = line.step > 0 ? line.step : duration > 0 ? duration : kUsualStep;
   if (time == AV_NOPTS_VALUE) {
     time = line.begun ? line.last + step : 0;

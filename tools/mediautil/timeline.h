@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <functional>
 
-enum class Track : std::size_t { Video, Audio };
+enum class Track : std::size_t { kVideo, kAudio };
 
 // Moves the frames' times. Both tracks move together: a jump of the clock that one of them has met moves the other by
 // as much, and a hole in one track alone stays a hole. Times are microseconds.
