@@ -84,8 +84,9 @@ class Viewer {
   // The bytes are valid during the call only; the sink has sent them when it returns. A negative result ends the
   // output.
   static int OnBytes(void* self, unsigned char* data, int size) {
-    const httplib::DataSink& sink = static_cast<Viewer*>(self)->m_sink;
-    return sink.write(reinterpret_cast<const char*>(data), static_cast<std::size_t>(size)) ? size : -1;
+    auto& viewer = *static_cast<Viewer*>(self);
+    viewer.m_isGone = !viewer.m_sink.write(reinterpret_cast<const char*>(data), static_cast<std::size_t>(size));
+    return viewer.m_isGone ? -1 : size;
   }
 
   static FETCH_CONN OnPacket(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* st) {
@@ -101,7 +102,7 @@ class Viewer {
     } else {
       viewer.m_muxer.WriteAdoFrame(pkt.data, pkt.size, time);
     }
-    return viewer.m_sink.is_writable() ? FETCH_CONN_NEXT : FETCH_CONN_STOP;
+    return viewer.m_isGone || !viewer.m_sink.is_writable() ? FETCH_CONN_STOP : FETCH_CONN_NEXT;
   }
 
   // Sleeps until the frame is due. Returns its time since the first frame, which is 1: a 0 stands for no time.
@@ -119,6 +120,7 @@ class Viewer {
   httplib::DataSink& m_sink;
   Source m_source;
   FFmpegMuxer m_muxer{g_policy};
+  bool m_isGone = false;
   bool m_isBegun = false;
   long long m_firstTime = 0;
   Clock::time_point m_begin;

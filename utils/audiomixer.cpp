@@ -185,12 +185,9 @@ int AudioMixer::PushPkt(unsigned idx, AVPacket* pkt) {
 }
 
 void AudioMixer::FlushStream(unsigned idx) {
-  if (idx >= m_inputs.size()) {
-    VY_LOG(LOG_LEVEL_ERR, "Invalid input id %zu\n", std::size_t{idx});
-    return;
-  }
+  VY_FAIL_IF(idx >= m_inputs.size(), , LOG_LEVEL_ERR, "Invalid input id %zu\n", std::size_t{idx});
   for (unsigned j = 0; j < m_inputs.size(); ++j) {
-    if (m_inputs[j].srcCtx != nullptr && m_inputs[j].IsBacklogged()) {
+    if (m_inputs[j].srcCtx != nullptr && m_inputs[j].HasWaiting()) {
       ReadInput(j);  // what was pushed is no gap
     }
   }
@@ -202,7 +199,9 @@ void AudioMixer::FlushStream(unsigned idx) {
   }
   in.hasNewSound = false;
   for (unsigned j = 0; j < m_inputs.size(); ++j) {
-    if (j != idx && !m_inputs[j].IsBacklogged()) {
+    if (m_inputs[j].isBacklogged) {
+      in.hasNewSound = true;  // once more when that has been read
+    } else if (j != idx) {
       AutoBalanceInput(j, in, kFlushToleranceMs);
     }
   }
@@ -383,6 +382,7 @@ int AudioMixer::PushFilterSource(unsigned idx, bool& finished) {
     }
     if (gotFrame == 0 && !in.isAtEnd && in.IsStream() && in.pktQueue.empty()) {
       VY_LOG(LOG_LEVEL_ERR, "Input %ld has no streaming frame, skip\n", static_cast<long>(idx));
+      in.isBacklogged = false;
       return 0;
     }
     if (gotFrame != 0) {
@@ -393,6 +393,7 @@ int AudioMixer::PushFilterSource(unsigned idx, bool& finished) {
     }
   }
   finished = in.isAtEnd;
+  in.isBacklogged = in.HasWaiting();
   if (finished && in.IsAsked()) {
     VY_LOG(LOG_LEVEL_ERR, "Input %ld finished, write nullptr frame\n", static_cast<long>(idx));
     in.isEnded = true;
@@ -425,10 +426,7 @@ AVFrame* AudioMixer::CreateSilentFrame(unsigned idx, int ms) {
 }
 
 void AudioMixer::AutoBalanceInput(unsigned idx, double expectSec, double toleranceSec) {
-  if (idx >= m_inputs.size()) {
-    VY_LOG(LOG_LEVEL_ERR, "Invalid input id %zu\n", std::size_t{idx});
-    return;
-  }
+  VY_FAIL_IF(idx >= m_inputs.size(), , LOG_LEVEL_ERR, "Invalid input id %zu\n", std::size_t{idx});
   // Seconds are not exact: a thousandth of a sample is none.
   const double needed = std::ceil((expectSec - toleranceSec) * m_inputs[idx].shape.rate - 1e-3);
   AutoBalanceInput(idx, expectSec, toleranceSec,
@@ -450,18 +448,12 @@ void AudioMixer::AutoBalanceInput(unsigned idx, double expectSec, double toleran
   VY_LOG(LOG_LEVEL_ERR, "Detect frame drop from ExpectSec[%f]TorranceSec[%f], push silent frame to input [%zu][%f]\n",
          expectSec, toleranceSec, std::size_t{idx}, in.Seconds());
   const FfPtr<AVFrame> silence(CreateSilentFrame(idx, kSilenceMs));
-  if (silence == nullptr) {
-    VY_LOG(LOG_LEVEL_ERR, "Failed to create silent frame\n");
-    return;
-  }
+  VY_FAIL_IF(silence == nullptr, , LOG_LEVEL_ERR, "Failed to create silent frame\n");
   while (in.samples < needed) {
     if (in.lastPts != AV_NOPTS_VALUE) {
       silence->pts = av_sat_add64(in.lastPts, kSilencePtsStep);
     }
-    if (in.Feed(silence.get()) < 0) {
-      VY_LOG(LOG_LEVEL_ERR, "Error while feeding the audio filtergraph\n");
-      return;
-    }
+    VY_FAIL_IF(in.Feed(silence.get()) < 0, , LOG_LEVEL_ERR, "Error while feeding the audio filtergraph\n");
     LogFed(idx, silence->nb_samples);
   }
 }
@@ -473,7 +465,7 @@ void AudioMixer::AutoBalanceInput(unsigned idx, const Input& leader, int toleran
 void AudioMixer::DoAutoBalance() {
   const Input* leader = Furthest();
   for (unsigned i = 0; i < m_inputs.size(); ++i) {
-    if (!m_inputs[i].IsBacklogged()) {
+    if (!m_inputs[i].isBacklogged) {
       AutoBalanceInput(i, *leader, m_inputs[i].IsStream() ? kToleranceMs : 0);
     }
   }
@@ -553,10 +545,10 @@ int AudioMixer::OpenEncoder(const SoundFormat& format) {
 }
 
 int AudioMixer::OpenFile(const SoundFormat& format, const std::string& path) {
-  m_path = path;
+  m_file = std::make_unique<mediautil::WholeFile>();
   int ret = CheckFile(mediautil::FileName(path.c_str()));
   ret = ret < 0 ? ret : mediautil::MakeSoundFile(format, *m_out.codecCtx, path, m_out.fmtCtx);
-  ret = ret < 0 ? ret : mediautil::OpenWhole(m_out.fmtCtx, path);
+  ret = ret < 0 ? ret : m_file->Open(m_out.fmtCtx, path);
   VY_FAIL_IF(ret < 0, ret, LOG_LEVEL_ERR, "Could not open output file[%s] error[%s]\n", path.c_str(),
              GetFfmpegErr(ret).c_str());
   AVDictionary* options = nullptr;
@@ -583,8 +575,8 @@ void AudioMixer::CloseOutput() {
 }
 
 void AudioMixer::DropFile() {
-  if (m_out.fmtCtx != nullptr && m_out.fmtCtx->pb != nullptr) {
-    mediautil::CloseWhole(m_out.fmtCtx, m_path, false);
+  if (m_file != nullptr) {
+    m_file->Close(m_out.fmtCtx, false);
   }
 }
 
@@ -639,11 +631,12 @@ void AudioMixer::ReadInputs() {
 
 // Behind damaged packets of a stream there may be good ones.
 void AudioMixer::ReadInput(unsigned idx) {
-  const Input& in = m_inputs[idx];
+  Input& in = m_inputs[idx];
   const int enough = av_sat_add32(in.samples, in.PassSamples(in.shape.rate));
   bool finished = false;
   while (PushFilterSource(idx, finished) < 0 && !in.pktQueue.empty() && in.samples < enough) {
   }
+  in.isBacklogged = in.HasWaiting();
 }
 
 int AudioMixer::PullFilterSink(bool& finished) {
@@ -715,7 +708,7 @@ int AudioMixer::CompleteOutput() {
     return ret;
   }
   ret = av_write_trailer(m_out.fmtCtx);
-  const int closed = mediautil::CloseWhole(m_out.fmtCtx, m_path, ret >= 0);
+  const int closed = m_file->Close(m_out.fmtCtx, ret >= 0);
   ret = ret < 0 ? ret : closed;
   VY_FAIL_IF(ret < 0, ret, LOG_LEVEL_ERR, "Could not complete output file error[%s]\n", GetFfmpegErr(ret).c_str());
   return 0;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ struct AVPacket;
 namespace mediautil {
 struct MixerInput;
 struct SoundFormat;
+class WholeFile;
 }  // namespace mediautil
 
 // Two or more inputs, each at its own level, into a file or into packets. Add the inputs, SetOutput, then
@@ -62,10 +64,10 @@ class AudioMixer {
 
   // What the name ends with says what is written: .mp3, .wav (16 bit), .aac, .m4a or .mp4. Rate and channels are the
   // highest of the inputs, within what the format has and two channels. An empty path: AAC packets for PopMixed. The
-  // path is an FFmpeg URL: a file a:b.wav is file:a:b.wav. A file with content that stands there, also
-  // behind a symbolic link, is replaced when the new one is whole, and its permissions stay; where the directory cannot
-  // be written it is overwritten. A file that is not completed is removed. An input, and what is no regular file, is
-  // refused and stays as it is. After a failed SetOutput it may be called again.
+  // path is an FFmpeg URL of a file: a:b.wav is file:a:b.wav. A file with content that stands there, also behind a
+  // symbolic link, is replaced when the new one is whole, and its owner and permissions stay as far as may be; one that
+  // cannot be replaced is overwritten. A file that is not completed is removed. An input, and what is no regular file,
+  // is refused and stays as it is. After a failed SetOutput it may be called again.
   VY_API int SetOutput(const std::string& path);
 
   // Whether a file of that name can be an output.
@@ -84,8 +86,8 @@ class AudioMixer {
   VY_API int PushPkt(unsigned idx, AVPacket* pkt);
 
   // Says that a stream stays away for now: what was pushed is read as in a pass, then the other streams get silence,
-  // and files are read on, up to 0.1 s beyond it, so that what it still has in the mixer is heard. No silence when no
-  // sound of it came in since the last time.
+  // and files are read on, up to 0.1 s beyond it, so that what it still has in the mixer is heard. No silence for a
+  // stream of which more waits, and none when no sound of this one came in since the last time.
   VY_API void FlushStream(unsigned idx);
 
   // One pass: reads a frame of the files whose sound is wanted and what was pushed, of each stream about 10 s or
@@ -128,7 +130,7 @@ class AudioMixer {
   VY_API void AutoBalanceInput(unsigned idx, double expectSec, double toleranceSec);
 
   // The same for all inputs, with the furthest stream, or file where there is no stream: 0.5 s for streams, none for
-  // files.
+  // files. Streams that had too much for one pass are left out.
   VY_API void DoAutoBalance();
 
   // Encodes and writes all that is mixed. finished: the inputs have no more.
@@ -172,8 +174,8 @@ class AudioMixer {
   AVFilterContext* m_pSink = nullptr;
   AVFrame* m_pFrame = nullptr;  // the work frame
 
-  FmtCodecCtx m_out;  // fmtCtx is null when packets are kept for PopMixed
-  std::string m_path;
+  FmtCodecCtx m_out;                             // fmtCtx is null when packets are kept for PopMixed
+  std::unique_ptr<mediautil::WholeFile> m_file;  // null when packets are kept
   std::int64_t m_mixedSamples = 0;
   bool m_isOverrun = false;  // packets were dropped since the last were popped
   bool m_isFinished = false;

@@ -42,7 +42,7 @@ class VY_API MuxCtrler {
 // One output of one video stream and at most one audio stream. Init, then add the streams, WriteHeader, frames in any
 // interleaving, Finalize; then it may start over. All int results: 0, or -1 on failure. One thread uses an instance.
 //
-// Times are microseconds and should begin with 1. The first frame of either stream is the zero of both; in each stream
+// Times are microseconds, the first above 0. The first frame of either stream is the zero of both; in each stream
 // they always rise: a time that does not is put one tick behind the one before. As long as a first time is 0 or less,
 // the zero moves to that of the next frame.
 class VY_API FFmpegMuxer {

@@ -297,12 +297,13 @@ bool GifProcess::OpenEncoder() {
 }
 
 bool GifProcess::OpenOutput() {
-  return mediautil::OpenWhole(m_pOutputCtx, m_path) >= 0;
+  m_file = std::make_unique<mediautil::WholeFile>();
+  return m_file->Open(m_pOutputCtx, m_path) >= 0;
 }
 
 // False when the GIF is not there as a whole.
 bool GifProcess::CloseOutput(bool isWhole) {
-  return mediautil::CloseWhole(m_pOutputCtx, m_path, isWhole) >= 0 && isWhole;
+  return m_file->Close(m_pOutputCtx, isWhole) >= 0 && isWhole;
 }
 
 int GifProcess::InitFilter() {

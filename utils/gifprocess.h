@@ -2,6 +2,7 @@
 #pragma once
 
 #include <list>
+#include <memory>
 #include <string>
 
 #include "platform/export.h"
@@ -14,7 +15,8 @@ struct AVFrame;
 
 namespace mediautil {
 struct Size;
-}
+class WholeFile;
+}  // namespace mediautil
 
 // Collects pictures and writes them as one GIF, which repeats for ever. From one thread at a time.
 //
@@ -68,7 +70,8 @@ class VY_API GifProcess {
   void Free();
 
   std::string m_path;
-  std::list<AVFrame*> m_frames;  // BGRA, all of the GIF's size, reference counted
+  std::unique_ptr<mediautil::WholeFile> m_file;  // null before Process
+  std::list<AVFrame*> m_frames;                  // BGRA, all of the GIF's size, reference counted
   int m_width = 0;
   int m_height = 0;
   int m_delay = 0;  // hundredths of a second

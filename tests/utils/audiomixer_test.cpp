@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -251,6 +252,20 @@ TEST(Mixer, ABacklogIsNoGap) {
   EXPECT_EQ(live.Troubles(), 1U);
 }
 
+// Of callers that arrange the passes themselves, what was pushed just before is none either.
+TEST(Mixer, AGapBetweenPassesByHand) {
+  Mixing live({Low(), High()});
+  for (std::size_t i = 0; i < 200; ++i) {
+    live.Push(0, Low(), i, i + 1);
+    if (i < 50 || i >= 150) live.Push(1, High(), i, i + 1);
+    live.mixer.DoAutoBalance();
+    bool isEnd = false;
+    for (const unsigned int idx : {0U, 1U}) EXPECT_EQ(live.mixer.PushFilterSource(idx, isEnd), 0);
+    EXPECT_EQ(live.mixer.PullFilterSink(isEnd), 0);
+  }
+  EXPECT_NEAR(live.mixer.MixedSeconds(), 3.5, 0.1);
+}
+
 TEST(Mixer, WhatIsRefused) {
   Mixing live({Low()});
   AudioMixer& mixer = live.mixer;
@@ -373,6 +388,23 @@ TEST(Mixer, AnOlderFileIsReplacedByAWholeOne) {
       EXPECT_EQ(info.st_uid == 65534, isGiven && !old.empty());
     }
   }
+}
+
+TEST(Mixer, AReadOnlyFileIsReplaced) {
+  Mixing live;
+  const std::string input = WriteFile({Low()}, live.dir.Path("in.wav"));
+  const std::string path = live.dir.Path("old.wav");
+  SaveBytes(path, "old", 3);
+  chmod(path.c_str(), 0444);
+  const uid_t user = geteuid();
+  for (const std::string& name : {live.dir.Path(), path})
+    EXPECT_EQ(user == 0 ? chown(name.c_str(), 65534, getegid()) : 0, 0);
+  EXPECT_EQ(user == 0 ? seteuid(65534) : 0, 0);
+  for (const int i : {0, 1}) EXPECT_EQ(live.mixer.AddInput(input), i);
+  EXPECT_EQ(live.mixer.SetOutput(path) + live.mixer.WriteToFile(), 0);
+  EXPECT_EQ(seteuid(user), 0);
+  EXPECT_EQ(ReadBack(ReadBytes(path)).at(0).sound.size(), 32000U);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0444));
 }
 
 // A part is whole although what it should replace has gone, or leads elsewhere by now.

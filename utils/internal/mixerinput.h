@@ -14,19 +14,20 @@ int ReadSoundPacket(AVFormatContext* file, FfPtr<AVPacket>& packet);
 FfPtr<AVPacket> TakeFirst(std::list<AVPacket*>& queue);
 
 struct MixerInput : AudioMixer::FmtCodecCtx {
-  SoundShape shape = {};     // of its source
-  Resampler resampler;       // for frames of another shape
-  FfPtr<AVFrame> rest;       // of a decoded frame that is too much for one pass
-  FileId file;               // zeros for a stream
-  bool hasNewSound = false;  // since the last flush
-  bool isOverrun = false;    // packets were dropped since the queue was empty
-  bool isEndQueued = false;  // nothing counts behind the end marker
-  bool isAtEnd = false;      // nothing more is to be read
-  bool isEnded = false;      // the source got its null frame
+  SoundShape shape = {};      // of its source
+  Resampler resampler;        // for frames of another shape
+  FfPtr<AVFrame> rest;        // of a decoded frame that is too much for one pass
+  FileId file;                // zeros for a stream
+  bool hasNewSound = false;   // since the last flush
+  bool isOverrun = false;     // packets were dropped since the queue was empty
+  bool isEndQueued = false;   // nothing counts behind the end marker
+  bool isBacklogged = false;  // what waited was too much for one pass: the rest is no gap
+  bool isAtEnd = false;       // nothing more is to be read
+  bool isEnded = false;       // the source got its null frame
 
   bool IsStream() const { return fmtCtx == nullptr; }
-  // A stream whose sound was too much for one pass: what waits is no gap.
-  bool IsBacklogged() const { return IsStream() && (!pktQueue.empty() || rest != nullptr); }
+  // Of a stream: sound was pushed that is not yet in the graph.
+  bool HasWaiting() const { return IsStream() && (!pktQueue.empty() || rest != nullptr); }
   double Seconds() const { return static_cast<double>(samples) / shape.rate; }
   bool IsBeyond(const MixerInput& other) const;
 

@@ -10,8 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "utils/internal/ffmpegptr.h"
-
 extern "C" {
 #include <libavutil/avstring.h>
 #include <libavutil/mem.h>
@@ -20,76 +18,39 @@ extern "C" {
 namespace mediautil {
 namespace {
 
-// A target "/a/mix.wav" is written as "/a/.mix.wav.part-XXXXXX": the name keeps the target's, which may be gone, or
-// another file, when the part is whole.
-constexpr char kPartEnding[] = ".part-XXXXXX";
-
 // The file that stands at an URL, behind all links; "" when none does.
 std::string ResolvedName(const char* url) {
   const MallocPtr<char> name(realpath(FileName(url), nullptr));
   return name == nullptr ? "" : name.get();
 }
 
-std::size_t NameAt(const std::string& path) {
-  return path.rfind('/') + 1;
-}
-
-std::string TargetOf(const std::string& part) {
-  const std::size_t at = NameAt(part);
-  return part.substr(0, at) + part.substr(at + 1, part.size() - at - sizeof(kPartEnding));
-}
-
 bool IsRegularFile(const std::string& name, struct stat& status) {
   return lstat(name.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// A name for a new file beside another one, for mkostemp.
+std::string PartName(const std::string& target) {
+  std::string part = target;
+  part.insert(part.rfind('/') + 1, ".");
+  return part + ".part-XXXXXX";
 }
 
 // Whether another file can be renamed over it: not in a directory such as /tmp, where only owners may, and not over a
 // mount.
 bool IsReplaceable(const std::string& target, const struct stat& file) {
   struct stat dir = {};
+  struct statx mount = {};
   const uid_t user = geteuid();
-  return stat(target.substr(0, NameAt(target)).c_str(), &dir) == 0 && dir.st_dev == file.st_dev &&
-         (user == 0 || (dir.st_mode & S_ISVTX) == 0 || user == file.st_uid || user == dir.st_uid);
+  return stat(target.substr(0, target.rfind('/') + 1).c_str(), &dir) == 0 &&
+         (user == 0 || (dir.st_mode & S_ISVTX) == 0 || user == file.st_uid || user == dir.st_uid) &&
+         statx(AT_FDCWD, target.c_str(), AT_SYMLINK_NOFOLLOW, 0, &mount) == 0 &&
+         (mount.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
 }
 
-// Gives a new file the owner and the permissions of an older one, as far as this process may.
-bool CopyAccess(int fd, const struct stat& old) {
-  const bool isShared = fchown(fd, old.st_uid, old.st_gid) == 0 || fchown(fd, geteuid(), old.st_gid) == 0;
-  return fchmod(fd, old.st_mode & (isShared ? 0777U : 0707U)) == 0;
-}
-
-// Writes to a new file beside the target.
-int OpenPart(AVFormatContext* oc, const std::string& target, const struct stat& old) {
-  std::string part = target;
-  part.insert(NameAt(part), ".").append(kPartEnding);
-  const int fd = mkostemp(part.data(), O_CLOEXEC);
-  if (fd < 0) {
-    return AVERROR(errno);
-  }
-  int ret = CopyAccess(fd, old) ? 0 : AVERROR(errno);
-  close(fd);
-  char* url = av_strdup(part.c_str());
-  ret = url == nullptr ? AVERROR(ENOMEM) : ret;
-  ret = ret < 0 ? ret : avio_open(&oc->pb, url, AVIO_FLAG_WRITE);
-  if (ret < 0) {
-    av_free(url);
-    unlink(part.c_str());
-    return ret;
-  }
-  av_free(oc->url);
-  oc->url = url;
-  return 0;
-}
-
-// What is on the disk takes the target's place, so that a power cut leaves one of the two.
-int Replace(const char* part) {
-  const int fd = open(part, O_RDONLY | O_CLOEXEC);
-  const bool isOnDisk = fd >= 0 && fsync(fd) == 0;
-  const int ret = isOnDisk && std::rename(part, TargetOf(part).c_str()) == 0 ? 0 : AVERROR(errno);
-  if (fd >= 0) {
-    close(fd);
-  }
-  return ret;
+// Gives a file the owner and the permissions of another one, as far as this process may.
+bool CopyAccess(int fd, const struct stat& from) {
+  const bool isShared = fchown(fd, from.st_uid, from.st_gid) == 0 || fchown(fd, geteuid(), from.st_gid) == 0;
+  return fchmod(fd, from.st_mode & (isShared ? 0777U : 0707U)) == 0;
 }
 
 }  // namespace
@@ -103,30 +64,68 @@ const char* FileName(const char* url) {
   return url;
 }
 
-int OpenWhole(AVFormatContext* oc, const std::string& url) {
-  struct stat old = {};
-  const std::string target = ResolvedName(url.c_str());
-  if (IsRegularFile(target, old) && old.st_size > 0 && IsReplaceable(target, old)) {
-    const int ret = OpenPart(oc, target, old);
-    if (ret != AVERROR(EACCES) && ret != AVERROR(EPERM) && ret != AVERROR(EROFS) && ret != AVERROR(ENAMETOOLONG)) {
-      return ret;
-    }
+// Until it is whole nobody else can read it.
+int WholeFile::OpenPart(AVFormatContext* oc) {
+  std::string part = PartName(m_target);
+  const int fd = mkostemp(part.data(), O_CLOEXEC);
+  if (fd < 0) {
+    return AVERROR(errno);
   }
-  return avio_open(&oc->pb, url.c_str(), AVIO_FLAG_WRITE);
+  close(fd);
+  char* url = av_strdup(part.c_str());
+  const int ret = url == nullptr ? AVERROR(ENOMEM) : avio_open(&oc->pb, url, AVIO_FLAG_WRITE);
+  if (ret < 0) {
+    av_free(url);
+    unlink(part.c_str());
+    return ret;
+  }
+  av_free(oc->url);
+  oc->url = url;
+  return 0;
 }
 
-int CloseWhole(AVFormatContext* oc, const std::string& url, bool isWhole) {
+int WholeFile::Open(AVFormatContext* oc, const std::string& url) {
+  m_target = ResolvedName(url.c_str());
+  int ret = AVERROR(EPERM);
+  if (IsRegularFile(m_target, m_old) && m_old.st_size > 0 && IsReplaceable(m_target, m_old)) {
+    ret = OpenPart(oc);
+  }
+  if (ret == AVERROR(EACCES) || ret == AVERROR(EPERM) || ret == AVERROR(EROFS) || ret == AVERROR(ENAMETOOLONG)) {
+    m_target.clear();
+    ret = avio_open(&oc->pb, url.c_str(), AVIO_FLAG_WRITE);
+  }
+  struct stat status = {};
+  m_written = ret < 0 ? "" : ResolvedName(oc->url);
+  m_written = IsRegularFile(m_written, status) ? m_written : "";
+  m_id = FileOf(m_written);
+  return ret;
+}
+
+// What is on the disk takes the target's place, so that a power cut leaves one of the two.
+int WholeFile::Replace() const {
+  const int fd = open(m_written.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool isReady = fd >= 0 && CopyAccess(fd, m_old) && fsync(fd) == 0;
+  const int ret = isReady && std::rename(m_written.c_str(), m_target.c_str()) == 0 ? 0 : AVERROR(errno);
+  if (fd >= 0) {
+    close(fd);
+  }
+  return ret;
+}
+
+int WholeFile::Close(AVFormatContext* oc, bool isWhole) {
+  if (oc == nullptr || oc->pb == nullptr) {
+    return 0;
+  }
   avio_flush(oc->pb);
   const int failed = std::min(oc->pb->error, 0);
   const int closed = avio_closep(&oc->pb);
   int ret = failed < 0 ? failed : std::min(closed, 0);
-  if (isWhole && ret >= 0 && url != oc->url) {
-    ret = Replace(oc->url);
+  if (isWhole && ret >= 0 && !m_target.empty()) {
+    ret = Replace();
   }
-  struct stat status = {};
-  const std::string written = ResolvedName(oc->url);
-  if ((!isWhole || ret < 0) && IsRegularFile(written, status)) {
-    unlink(written.c_str());
+  // Another process may have put its own file there meanwhile.
+  if ((!isWhole || ret < 0) && !m_written.empty() && FileOf(m_written) == m_id) {
+    unlink(m_written.c_str());
   }
   return ret;
 }
