@@ -317,6 +317,20 @@ TEST_F(NetTest, ServersAreVerified) {
   }
 }
 
+TEST_F(NetTest, NoRequestForPlainHttpOnTheTlsPort) {
+  Settings(R"({"tlsVerify":false})");
+  for (const bool upload : {true, false}) {
+    Peer peer;
+    peer.Answer("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n");
+    VyNet::VyHttpClient client;
+    std::string reply;
+    EXPECT_LT(upload ? Open(client, {peer.Port(), true}) : Post({peer.Port(), true}, reply, "a=SyncFiles"), 0);
+    EXPECT_FALSE(peer.Received().empty());
+    for (const char* part : {"POST", "timestamp", "SyncFiles"})
+      EXPECT_EQ(peer.Received().find(part), std::string::npos);
+  }
+}
+
 TEST_F(NetTest, NothingIsSmuggledIn) {
   const testserver::Server server({});
   std::vector<std::pair<std::string Target::*, std::string>> cases;
@@ -435,6 +449,16 @@ TEST_F(NetTest, LoginAndRequests) {
     peer.Answer("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(std::string(body).size()) + "\r\n\r\n" + body);
     EXPECT_NE(login(peer.Port(), "secret"), 0) << body;
     EXPECT_EQ(sid + text + std::to_string(code), std::string(body) + "0");
+  }
+}
+
+TEST_F(NetTest, PairingData) {
+  std::string cookie = "old";
+  std::string timestamp = "old";
+  for (const char* expected : {"c|123|SN1", "||"}) {
+    Settings(*expected == 'c' ? R"({"cmsCookie":"c","cmsTimestamp":"123","serialNumber":"SN1"})" : "not JSON");
+    GetTimeAndCookieForHost(cookie, timestamp);
+    EXPECT_EQ(cookie + "|" + timestamp + "|" + GetNHSerialNumber(), expected);
   }
 }
 

@@ -202,13 +202,22 @@ TEST_F(LiveStreamTest, DamagedMemoryIsNotRead) {
   };
   const std::pair<const char*, std::function<void(StreamRing&)>> cases[] = {
       {"null", [](StreamRing& ring) { ++ring.identity.magic; }},
+      {"null", [](StreamRing& ring) { ++ring.identity.version; }},
+      {"null", [](StreamRing& ring) { ++ring.identity.cameraId; }},
       {"null", [](StreamRing& ring) { ++ring.identity.lockInode; }},
-      // A slot behind the last one, and what the slot does not hold.
-      {"none key config", [](StreamRing& ring) { ring.published[StreamRing::kFrame] = 0xFFFFFFFF; }},
-      {"frame none config", [](StreamRing& ring) { ring.published[StreamRing::kKeyFrame] += 8; }},
+      {"none none none",
+       [](StreamRing& ring) {
+         for (local::SharedWord& ticket : ring.published) ticket = 0xFFFFFFFF;  // a slot behind the last one
+       }},
+      {"none none none",
+       [](StreamRing& ring) {
+         for (auto& ticket : ring.published) ticket += 8;
+       }},
       {"frame none config", [&](StreamRing& ring) { slotOf(ring, StreamRing::kKeyFrame).size = 0; }},
       {"none key config", [&](StreamRing& ring) { slotOf(ring, StreamRing::kFrame).size = (8 << 20) + 1; }},
+      {"none key config", [&](StreamRing& ring) { slotOf(ring, StreamRing::kFrame).size = UINT_MAX; }},
       {"frame key none", [&](StreamRing& ring) { slotOf(ring, StreamRing::kExtra).size = 1025; }},
+      {"frame none config", [&](StreamRing& ring) { slotOf(ring, StreamRing::kKeyFrame).ticket = 0; }},
   };
   int number = 0;
   for (const auto& [expected, damage] : cases) {
@@ -249,10 +258,20 @@ TEST_F(LiveStreamTest, OtherMemoryIsNotTaken) {
     std::snprintf(text, sizeof(text), "%11d\n", segment);
     return std::string(text);
   };
-  for (const std::string& text : {std::string("7"), std::string("garbage 12345\n"), std::string("99999999999\n"),
-                                  padded(-1), padded(small), padded(longer), padded(empty), padded(same), right}) {
+  const std::pair<std::string, bool> cases[] = {{"", false},
+                                                {"7", false},
+                                                {"garbage 12345\n", false},
+                                                {"99999999999\n", false},
+                                                {padded(-1), false},
+                                                {padded(small), false},
+                                                {padded(longer), false},
+                                                {padded(INT_MAX), false},
+                                                {padded(empty), false},
+                                                {padded(same), true},
+                                                {right, true}};
+  for (const auto& [text, taken] : cases) {
     WriteFile(LockPath(), text);
-    EXPECT_EQ(Attach() != nullptr, text == padded(same) || text == right) << text;
+    EXPECT_EQ(Attach() != nullptr, taken) << text;
   }
   for (const int segment : {small, longer, empty, same}) shmctl(segment, IPC_RMID, nullptr);
   if (geteuid() != 0) return;
@@ -294,38 +313,72 @@ TEST_F(LiveStreamTest, LeftoverSegmentIsRemoved) {
 // Several processes
 // ---------------------------------------------------------------------------------------------------------------------
 
-// Size and content follow from the number; every 16th is a key frame.
-std::string FrameOf(std::uint32_t number) {
-  std::string frame(4 * (1 + number * 2654435761U % 20000), '\0');
-  for (std::size_t i = 0; i < frame.size(); i += 4) std::memcpy(&frame[i], &number, 4);
-  return frame;
+// Size and content follow from the seed that it begins with; every 16th is a key frame.
+std::vector<std::uint32_t> MakeFrame(std::uint32_t seed) {
+  std::vector<std::uint32_t> words(1 + seed * 2654435761U % 20000, seed);
+  for (std::size_t i = 1; i < words.size(); ++i) words[i] = words[i - 1] * 1664525U + 1013904223U;
+  return words;
+}
+constexpr bool IsKey(std::uint32_t seed) {
+  return seed % 16 == 0;
+}
+constexpr int kExtraWords = 256;
+
+bool IsWhole(const void* data, int size, std::uint32_t& seed) {
+  std::memcpy(&seed, data, sizeof(seed));
+  const std::vector<std::uint32_t> words = MakeFrame(seed);
+  return static_cast<std::size_t>(size) == words.size() * 4 && std::memcmp(data, words.data(), words.size() * 4) == 0;
 }
 
-int WriteUntilKilled(std::uint32_t number) {
+int WriteUntilKilled(std::uint32_t seed) {
   LiveStreamWriter writer;
   if (writer.Open(7, 2) != 0) return 1;
-  while (Write(writer, FrameOf(number), number % 16 == 0) == 0) ++number;
-  return 2;
+  for (;; ++seed) {
+    const std::vector<std::uint32_t> extra(kExtraWords, seed);
+    const void* bytes = extra.data();
+    if (IsKey(seed) && writer.SetExtra(static_cast<const unsigned char*>(bytes), kExtraWords * 4) != 0) return 3;
+    const std::vector<std::uint32_t> words = MakeFrame(seed);
+    const void* data = words.data();
+    if (writer.Write(static_cast<const unsigned char*>(data), static_cast<int>(words.size() * 4), IsKey(seed)) != 0) {
+      return 2;
+    }
+  }
 }
 
-// Reads a frame; 0 or what is wrong. last: the number that this memory had before, it never goes back.
+// The seed of the configuration, 0 without one; 1 for a mixture.
+std::uint32_t ReadExtraSeed(const Reader& fifo) {
+  std::uint32_t extra[kExtraWords];
+  int size = sizeof(extra);
+  void* buffer = extra;
+  if (fifo->GetExtra(static_cast<unsigned char*>(buffer), size) != 0) return 1;
+  if (size == 0) return 0;
+  return std::count(std::begin(extra), std::end(extra), extra[0]) == kExtraWords ? extra[0] : 1;
+}
+
+// One frame and the configuration; 0 or what is wrong. last: the seed that this memory had before, it never goes back.
 int ReadAndCheck(const Reader& fifo, bool isKey, std::uint32_t& last) {
-  const std::string frame = isKey ? LatestKey(fifo) : Latest(fifo);
-  if (frame == "none") return last != 0 && !isKey ? 1 : 0;
-  std::uint32_t number = 0;
-  std::memcpy(&number, frame.data(), sizeof(number));
-  if (frame != FrameOf(number)) return 2;
-  if (number < last || (isKey && number % 16 != 0)) return 3;
-  last = number;
-  return 0;
+  const std::uint32_t before = ReadExtraSeed(fifo);
+  unsigned char* data = nullptr;
+  int size = 0;
+  const int result = isKey ? fifo->ReadLatestIFrame(data, size) : fifo->ReadLatest(data, size);
+  const std::unique_ptr<unsigned char[]> owned(data);
+  if (result != 0) return last != 0 && !isKey ? 1 : 0;
+  std::uint32_t seed = 0;
+  if (size < 4 || !IsWhole(data, size, seed)) return 2;
+  if (seed < last || (isKey && !IsKey(seed))) return 3;
+  last = seed;
+  const std::uint32_t after = ReadExtraSeed(fifo);
+  if (before == 1 || after == 1) return 4;
+  return isKey && before == after && before != seed ? 5 : 0;
 }
 
 int ReadUntilStopped(const SharedInts& shared, int own) {
+  constexpr int kReadsAtOnce = 50;
   while (shared[0] == 0) {
     const Reader fifo = Attach();
     if (fifo == nullptr) usleep(200);
     std::uint32_t last[2] = {};
-    for (int i = 0; fifo != nullptr && i < 50; ++i) {
+    for (int i = 0; fifo != nullptr && i < kReadsAtOnce; ++i) {
       if (const int wrong = ReadAndCheck(fifo, i % 2 == 0, last[i % 2]); wrong != 0) return wrong;
       shared[own] += last[i % 2] != 0 ? 1 : 0;
     }

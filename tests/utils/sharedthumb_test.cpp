@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 
 #include <climits>
+#include <csignal>
 #include <cstddef>
 #include <functional>
 
@@ -361,4 +362,23 @@ TEST_F(SharedThumbTest, OneOfManyProcessesRenews) {
   close(watch);
   EXPECT_GE(renewals, kRounds);
   EXPECT_LE(renewals, kRounds + 1 + static_cast<std::size_t>(time(nullptr) - start) + 1);
+}
+
+TEST_F(SharedThumbTest, KilledProcessesLeaveNoHarm) {
+  Publish(Jpeg(180));
+  Ask();
+  for (unsigned int i = 0; i < 40; ++i) {
+    const pid_t child = StartProcess([&] {
+      while (!Ask(0).empty()) {
+      }
+      return 1;
+    });
+    usleep(i * 2791 % 13000);
+    kill(child, SIGKILL);
+    EXPECT_EQ(WaitFor(child), -1);
+    EXPECT_EQ(SizeOf(ReadBytes(m_file)), "160x90");
+  }
+  EXPECT_EQ(SizeOf(Ask(0)), "160x90");  // no lock stands
+  const auto files = std::distance(std::filesystem::directory_iterator(SharedThumb::kDirectory), {});
+  EXPECT_LE(files, 2 + 40) << "picture, lock, and one for each that was killed";
 }
