@@ -28,7 +28,7 @@ ends() {
 # Run the program; stdout goes to out.txt.
 must() { ends 0 "$MEDIAUTIL" "$@" >out.txt; }
 must_fail() {
-  ends "$1" "$MEDIAUTIL" "${@:2}" >out.txt
+  ends "$1" "$MEDIAUTIL" "${@:2}" >out.txt </dev/null
   [ ! -s out.txt ] || die "a failure wrote to stdout: $*"
   [ -s err.txt ] || die "a failure without a message: $*"
 }
@@ -43,7 +43,7 @@ refuses() {
     [ "$code" != 2 ] || equal "$(wc -l <err.txt)" 1 "lines of: $line"
   done
 }
-# interrupts COMMAND...: ends with 130 when Ctrl-C comes as the first bytes of its file have been written.
+# interrupts COMMAND... OUT: ends with 130 when Ctrl-C comes as the first bytes of its file have been written.
 interrupts() {
   python3 - "$MEDIAUTIL" "$@" 2>err.txt <<'END' || die "Ctrl-C: $*"
 import glob, os, signal, subprocess, sys
@@ -53,7 +53,7 @@ while run.poll() is None and not any(os.path.getsize(name) for name in glob.glob
 run.send_signal(signal.SIGINT)
 assert run.wait() == 130, run.returncode
 END
-  says "interrupted; nothing was written"
+  says "${*: -1}: interrupted; nothing was written"
 }
 prints() { grep -qF -- "$1" out.txt || die "stdout lacks: $1 ($(head -c 500 out.txt))"; }
 equal() { [ "$1" = "$2" ] || die "${3:-values}: $1 is not $2"; }

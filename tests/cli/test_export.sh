@@ -100,6 +100,10 @@ ffmpeg -v error -i aac.mp4 -itsoffset 1.5 -i g711.mov -map 0:v -map 1:a -c copy 
 must export late.mov -o out.mp4
 says "early: it has holes in the recording"
 
+ffmpeg -v error -ss 0.5 -i aac.ts -c copy -copyinkf middle.ts </dev/null
+must export middle.ts -o out.mp4 --from 0.1
+says ", the first key frame"
+
 # stdout, progress, names for browsers.
 must export aac.mp4 -o -
 cp out.txt out.mp4
@@ -111,6 +115,14 @@ equal "$(grep -c left err.txt || true)" 0 "progress without a terminal"
 must export aac.mp4 --codecs
 grep -qxE 'video/mp4; codecs="avc1\.64[0-9a-f]{4}, mp4a\.40\.2"' out.txt || die "codecs: $(cat out.txt)"
 
+# The configuration of HE-AAC begins like that of AAC-LC, with half the rate.
+ffmpeg -v error -i g711.mov -vn -c:a g726 -strict unofficial -ar 16000 -code_size 2 g726.mkv </dev/null
+python3 - <<'END'
+data = open('aac.mp4', 'rb').read()
+assert data.count(b'\x05\x80\x80\x80\x05\x11\x88V\xe5\0') == 1
+open('he.mp4', 'wb').write(data.replace(b'\x05\x80\x80\x80\x05\x11\x88V\xe5\0', b'\x05\x80\x80\x80\x05\x13\x08V\xe5\x98'))
+END
+
 # What cannot be done, and that it leaves the older file.
 mkdir left && cd left && echo old >out.mp4 && cp out.mp4 out.flv && cp out.mp4 out.mp3
 refuses export <<'END'
@@ -121,6 +133,9 @@ refuses export <<'END'
 1|../silent.mkv -o out.mp3|nothing to export: no sound
 1|../mp3.mp4 -o out.mp4 --audio aac|cannot take this mp3 sound: only AAC-LC, G.711
 1|../g711.mov -o out.mp3 --from 9|nothing to export: no sound in what was asked for
+1|../g726.mkv -o out.mp3|cannot take this adpcm_g726 sound: only AAC-LC, G.711, G.726 of 8000 Hz
+1|../he.mp4 -o out.mp4 --audio copy|cannot take this aac sound: only AAC-LC
+2|../aac.mp4 --codecs --format flv|--codecs
 2|../g711.mov -o out.mp3 --audio none|an MP3 holds MP3 sound and nothing else
 2|../aac.mp4 -o out.avi|out.avi: cannot tell the container from the name; add --format mp4, flv or mp3
 2|../aac.mp4 -o ../aac.mp4|../aac.mp4: the export would replace the recording

@@ -41,7 +41,7 @@ port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0));
   echo 'trap "kill \$(jobs -p)" EXIT'
   grep '^ffmpeg ' "$top/README.md"
   sed -n '/^mediautil snapshot/,/^```$/p' "$top/README.md" | sed -e '/^```/d' -e "s/5055/$port/g" \
-    -e 's/ &$/ >log \& until grep -q listening log; do sleep 0.1; done/'
+    -e 's/ & sleep 1$/ >log \& until grep -q listening log; do sleep 0.1; done/'
 } >ten.sh
 PATH=${MEDIAUTIL%/*}:$PATH bash -euo pipefail ten.sh >words.txt 2>err.txt </dev/null || die 'the ten minutes'
 equal "$(size gate.jpg)" mjpeg,640,360

@@ -91,7 +91,7 @@ int ChooseAudio(const std::string& wanted, const Recording& recording, ExportPla
   if (SoundCodec(audio).name.empty()) {
     const std::string text = plan.input + ": cannot take this " + CodecName(audio) + " sound";
     if (!wanted.empty() || !plan.hasVideo) {
-      return Fail(kFailed, text + ": only AAC-LC, G.711, G.726, AMR and big-endian 16-bit PCM are; " +
+      return Fail(kFailed, text + ": only AAC-LC, G.711, G.726 of 8000 Hz, AMR and big-endian 16-bit PCM are; " +
                                (plan.hasVideo ? "leave --audio out for the picture alone" : "convert it first"));
     }
     Note(text + "; the output is silent");

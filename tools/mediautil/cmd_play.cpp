@@ -58,8 +58,9 @@ int Play(const SoundArgs& args) {
     return code;
   }
   if (!source.IsAlone()) {
-    return Fail(kFailed, args.input + ": cannot play it: it holds more than one sound; take that out first, as with " +
-                             "mediautil mp3");
+    return Fail(
+        kFailed,
+        args.input + ": cannot play it: it holds more than sound; take that out first, as with mediautil " + "mp3");
   }
   DemuxMp3 demux;
   ESFormat format;

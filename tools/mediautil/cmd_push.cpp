@@ -229,8 +229,13 @@ int SendOneFile(const PushArgs& args, const Source& source, PushSender& sender) 
 int SendDirectory(const PushArgs& args, const Source& source, PushSender& sender) {
   if (args.tmpDir && source.files == 0) {
     // Without a file nothing tells later that the making was refused.
-    sender.CreateRemoteDir({}, args.TmpDir(), true);
-    if (sender.IsMakingFailed()) {
+    std::list<std::string> dirs;
+    GetDirsInDir(source.path, dirs, true, true, "");
+    for (std::string& dir : dirs) {
+      dir = args.TmpDir() + "/" + dir.substr(source.path.size());
+    }
+    sender.CreateRemoteDir(dirs, args.TmpDir(), true);
+    if (StopSignals::Seen() || sender.IsMakingFailed()) {
       return sender.ExitCode();
     }
   }

@@ -17,17 +17,27 @@ constexpr std::int64_t kLongestWait = 5 * kMicro;       // for the rest of the o
 constexpr std::int64_t kAudibleHole = kMicro * 3 / 10;  // of all holes in encoded sound together
 constexpr int kMostJumps = 20;                          // that are told one by one
 
+bool IsAacRate(unsigned int rateIndex, unsigned int rate) {
+  constexpr unsigned int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                     22050, 16000, 12000, 11025, 8000,  7350};
+  return rateIndex < std::size(kRates) && kRates[rateIndex] == rate;
+}
+
 // AAC-LC of the stream's rate. The configuration of HE-AAC may begin alike, but with the rate of its core.
 bool IsLowComplexityAac(const ESFormat& audio) {
   constexpr unsigned int kLowComplexity = 2;
-  constexpr unsigned int kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                     22050, 16000, 12000, 11025, 8000,  7350};
   if (audio.i_extra < 2) {
     return audio.i_extra < 1;
   }
   const unsigned int begin = static_cast<unsigned int>(audio.p_extra[0]) << 8 | audio.p_extra[1];
-  const unsigned int rateIndex = begin >> 7 & 0x0F;
-  return begin >> 11 == kLowComplexity && rateIndex < std::size(kRates) && kRates[rateIndex] == audio.audio.i_rate;
+  return begin >> 11 == kLowComplexity && IsAacRate(begin >> 7 & 0x0F, audio.audio.i_rate);
+}
+
+// A packet with an ADTS header that tells another rate than the stream's: the core of HE-AAC.
+bool IsOtherAac(const AVPacket& pkt, const ESFormat& audio) {
+  const bool isAdts =
+      audio.i_codec_id == AV_CODEC_ID_AAC && pkt.size >= 7 && pkt.data[0] == 0xFF && (pkt.data[1] & 0xF6) == 0xF0;
+  return isAdts && !IsAacRate(pkt.data[2] >> 2 & 0x0FU, audio.audio.i_rate);
 }
 
 std::string G726Extra(const ESFormat& audio) {
@@ -158,6 +168,10 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
   if (time != AV_NOPTS_VALUE && time > exporter.m_plan.to) {
     return exporter.Pass(track, time);
   }
+  if (track == Track::kAudio && exporter.m_audioFrames == 0 && IsOtherAac(pkt, fmt)) {
+    exporter.m_isOtherAac = true;
+    return FETCH_CONN_STOP;
+  }
   if (track == Track::kVideo) {
     exporter.TakeVideo(pkt, *st, time);
   } else {
@@ -233,6 +247,11 @@ void Exporter::WatchOrder(std::int64_t shown) {
 int Exporter::Conclude() {
   if (StopSignals::Seen() || m_output.IsFailed()) {
     return kDone;
+  }
+  if (m_isOtherAac) {
+    return Fail(kFailed, m_plan.input +
+                             ": cannot take this aac sound: only AAC-LC can be copied, and it is HE-AAC or " +
+                             "not what the recording says; leave it out with --audio none");
   }
   if (m_plan.hasVideo && m_videoFrames == 0) {
     return Fail(kFailed, m_plan.input +

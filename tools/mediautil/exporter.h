@@ -87,6 +87,7 @@ class Exporter {
   std::int64_t m_audioFrames = 0;
   std::int64_t m_refused = 0;      // frames that the library refused
   std::int64_t m_skipped = 0;      // pictures before the first key frame
+  bool m_isOtherAac = false;       // the sound is not what its description says
   std::int64_t m_soundEnd = 0;     // where the sound ends in the output, by its times
   std::int64_t m_soundLength = 0;  // and by what there is of it
   int m_jumps = 0;

@@ -56,7 +56,10 @@ double SoundSource::Seconds() const {
 bool SoundSource::IsAlone() const {
   int streams = 0;
   for (unsigned int i = 0; i < m_input->nb_streams; ++i) {
-    streams += (m_input->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC) == 0 ? 1 : 0;
+    const AVStream& stream = *m_input->streams[i];
+    const bool hasPackets = (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0 && stream.discard < AVDISCARD_ALL &&
+                            stream.codecpar->codec_type != AVMEDIA_TYPE_ATTACHMENT;
+    streams += hasPackets ? 1 : 0;
   }
   return streams == 1;
 }

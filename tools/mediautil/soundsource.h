@@ -26,7 +26,7 @@ class SoundSource {
   int Rate() const;  // Hz
   int Channels() const;
   double Seconds() const;  // playing time, 0 when not known
-  bool IsAlone() const;    // nothing else is in the file, pictures of a cover apart
+  bool IsAlone() const;    // nothing else is in the file, covers and chapters apart
 
   // Decodes it all and lends every frame to take, which returns false to stop; a stop signal ends it too. Damaged
   // packets are skipped.
