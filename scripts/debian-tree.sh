@@ -20,6 +20,7 @@ skip() {
 
 if [ "$(id -u)" != 0 ]; then
   command -v sudo >/dev/null || skip "it needs root or sudo"
+  [ -t 0 ] || sudo -n true 2>/dev/null || skip "sudo asks for a password"
   exec sudo scripts/debian-tree.sh "$name" "$suite" "$arch" "$@"
 fi
 
@@ -41,16 +42,18 @@ in_tree() {
 }
 
 mkdir -p build
+exec {lock}>"$tree.lock"
+flock "$lock"
 if [ ! -e "$tree/made" ]; then
   echo "== $name: making a tree of Debian $suite $arch"
-  command -v debootstrap >/dev/null || scripts/setup.sh tree-host
+  command -v debootstrap >/dev/null || scripts/setup.sh tree-host || skip "debootstrap cannot be installed"
   rm -rf --one-file-system "$tree"
   debootstrap --variant=minbase --arch="$arch" "$suite" "$tree" >"$log" 2>&1 ||
     skip "the package mirror does not answer, or debootstrap may not work here; see build/tree-$name.log"
   mkdir -p "$tree/src"
   touch "$tree/made"
 fi
-cp /etc/resolv.conf "$tree/etc/resolv.conf"
+[ ! -e /etc/resolv.conf ] || cp /etc/resolv.conf "$tree/etc/resolv.conf"
 in_tree /src/scripts/setup.sh tree >"$log" 2>&1 || skip "its packages cannot be installed; see build/tree-$name.log"
 
 if [ "${1:-}" = --prepare ]; then exit 0; fi
