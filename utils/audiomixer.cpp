@@ -370,6 +370,7 @@ int AudioMixer::PushFilterSource(unsigned idx, bool& finished) {
   finished = false;
   VY_FAIL_IF(idx >= m_inputs.size(), -1, LOG_LEVEL_ERR, "Invalid input id %zu\n", std::size_t{idx});
   Input& in = m_inputs[idx];
+  const mediautil::ScopeExit mark([&in] { in.isBacklogged = in.HasWaiting(); });
   const int enough = av_sat_add32(in.samples, in.IsStream() ? in.PassSamples(in.shape.rate) : 1);
   while (!in.isAtEnd && in.samples < enough) {
     const mediautil::ScopeExit clear([this] { av_frame_unref(m_pFrame); });
@@ -382,7 +383,6 @@ int AudioMixer::PushFilterSource(unsigned idx, bool& finished) {
     }
     if (gotFrame == 0 && !in.isAtEnd && in.IsStream() && in.pktQueue.empty()) {
       VY_LOG(LOG_LEVEL_ERR, "Input %ld has no streaming frame, skip\n", static_cast<long>(idx));
-      in.isBacklogged = false;
       return 0;
     }
     if (gotFrame != 0) {
@@ -393,7 +393,6 @@ int AudioMixer::PushFilterSource(unsigned idx, bool& finished) {
     }
   }
   finished = in.isAtEnd;
-  in.isBacklogged = in.HasWaiting();
   if (finished && in.IsAsked()) {
     VY_LOG(LOG_LEVEL_ERR, "Input %ld finished, write nullptr frame\n", static_cast<long>(idx));
     in.isEnded = true;
@@ -631,12 +630,11 @@ void AudioMixer::ReadInputs() {
 
 // Behind damaged packets of a stream there may be good ones.
 void AudioMixer::ReadInput(unsigned idx) {
-  Input& in = m_inputs[idx];
+  const Input& in = m_inputs[idx];
   const int enough = av_sat_add32(in.samples, in.PassSamples(in.shape.rate));
   bool finished = false;
   while (PushFilterSource(idx, finished) < 0 && !in.pktQueue.empty() && in.samples < enough) {
   }
-  in.isBacklogged = in.HasWaiting();
 }
 
 int AudioMixer::PullFilterSink(bool& finished) {

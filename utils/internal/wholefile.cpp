@@ -39,18 +39,24 @@ std::string PartName(const std::string& target) {
 // mount.
 bool IsReplaceable(const std::string& target, const struct stat& file) {
   struct stat dir = {};
-  struct statx mount = {};
+  struct statx info = {};
   const uid_t user = geteuid();
-  return stat(target.substr(0, target.rfind('/') + 1).c_str(), &dir) == 0 &&
-         (user == 0 || (dir.st_mode & S_ISVTX) == 0 || user == file.st_uid || user == dir.st_uid) &&
-         statx(AT_FDCWD, target.c_str(), AT_SYMLINK_NOFOLLOW, 0, &mount) == 0 &&
-         (mount.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
+  if (stat(target.substr(0, target.rfind('/') + 1).c_str(), &dir) != 0 ||
+      statx(AT_FDCWD, target.c_str(), AT_SYMLINK_NOFOLLOW, 0, &info) != 0) {
+    return false;
+  }
+  const bool isToldMounts = (info.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0;
+  const bool isMount = isToldMounts ? (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 : dir.st_dev != file.st_dev;
+  const bool isForOwners = (dir.st_mode & S_ISVTX) != 0;
+  return !isMount && (user == 0 || !isForOwners || user == file.st_uid || user == dir.st_uid);
 }
 
 // Gives a file the owner and the permissions of another one, as far as this process may.
-bool CopyAccess(int fd, const struct stat& from) {
-  const bool isShared = fchown(fd, from.st_uid, from.st_gid) == 0 || fchown(fd, geteuid(), from.st_gid) == 0;
-  return fchmod(fd, from.st_mode & (isShared ? 0777U : 0707U)) == 0;
+void CopyAccess(int fd, const struct stat& from) {
+  constexpr auto kSame = static_cast<uid_t>(-1);
+  const bool isShared = fchown(fd, kSame, from.st_gid) == 0;
+  [[maybe_unused]] int ignored = fchmod(fd, from.st_mode & (isShared ? 0777U : 0707U));
+  ignored = fchown(fd, from.st_uid, static_cast<gid_t>(-1));
 }
 
 }  // namespace
@@ -64,19 +70,32 @@ const char* FileName(const char* url) {
   return url;
 }
 
+WholeFile::~WholeFile() {
+  ClosePart();
+}
+
+void WholeFile::ClosePart() {
+  if (m_part >= 0) {
+    close(m_part);
+  }
+  m_part = -1;
+}
+
 // Until it is whole nobody else can read it.
 int WholeFile::OpenPart(AVFormatContext* oc) {
   std::string part = PartName(m_target);
-  const int fd = mkostemp(part.data(), O_CLOEXEC);
-  if (fd < 0) {
+  m_part = mkostemp(part.data(), O_CLOEXEC);
+  if (m_part < 0) {
     return AVERROR(errno);
   }
-  close(fd);
+  int ret = fchmod(m_part, 0600) == 0 ? 0 : AVERROR(errno);  // or there are no permissions to be copied
   char* url = av_strdup(part.c_str());
-  const int ret = url == nullptr ? AVERROR(ENOMEM) : avio_open(&oc->pb, url, AVIO_FLAG_WRITE);
+  ret = url == nullptr ? AVERROR(ENOMEM) : ret;
+  ret = ret < 0 ? ret : avio_open(&oc->pb, url, AVIO_FLAG_WRITE);
   if (ret < 0) {
     av_free(url);
     unlink(part.c_str());
+    ClosePart();
     return ret;
   }
   av_free(oc->url);
@@ -95,21 +114,28 @@ int WholeFile::Open(AVFormatContext* oc, const std::string& url) {
     ret = avio_open(&oc->pb, url.c_str(), AVIO_FLAG_WRITE);
   }
   struct stat status = {};
-  m_written = ret < 0 ? "" : ResolvedName(oc->url);
+  m_written = ret < 0 ? "" : m_part >= 0 ? oc->url : ResolvedName(oc->url);
   m_written = IsRegularFile(m_written, status) ? m_written : "";
-  m_id = FileOf(m_written);
+  if (m_part >= 0) {
+    fstat(m_part, &status);
+  }
+  m_id = {status.st_dev, status.st_ino};
   return ret;
+}
+
+// Another process may have put its own file there meanwhile.
+bool WholeFile::IsStillThere() const {
+  struct stat status = {};
+  return IsRegularFile(m_written, status) && FileId(status.st_dev, status.st_ino) == m_id;
 }
 
 // What is on the disk takes the target's place, so that a power cut leaves one of the two.
 int WholeFile::Replace() const {
-  const int fd = open(m_written.c_str(), O_RDONLY | O_CLOEXEC);
-  const bool isReady = fd >= 0 && CopyAccess(fd, m_old) && fsync(fd) == 0;
-  const int ret = isReady && std::rename(m_written.c_str(), m_target.c_str()) == 0 ? 0 : AVERROR(errno);
-  if (fd >= 0) {
-    close(fd);
+  CopyAccess(m_part, m_old);
+  if (fsync(m_part) != 0) {
+    return AVERROR(errno);
   }
-  return ret;
+  return !IsStillThere() ? AVERROR(ENOENT) : std::rename(m_written.c_str(), m_target.c_str()) == 0 ? 0 : AVERROR(errno);
 }
 
 int WholeFile::Close(AVFormatContext* oc, bool isWhole) {
@@ -123,8 +149,8 @@ int WholeFile::Close(AVFormatContext* oc, bool isWhole) {
   if (isWhole && ret >= 0 && !m_target.empty()) {
     ret = Replace();
   }
-  // Another process may have put its own file there meanwhile.
-  if ((!isWhole || ret < 0) && !m_written.empty() && FileOf(m_written) == m_id) {
+  ClosePart();
+  if ((!isWhole || ret < 0) && IsStillThere()) {
     unlink(m_written.c_str());
   }
   return ret;
