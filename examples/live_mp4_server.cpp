@@ -118,9 +118,9 @@ class Viewer {
   }
 
   httplib::DataSink& m_sink;
+  bool m_isGone = false;  // before the muxer, whose end may write
   Source m_source;
   FFmpegMuxer m_muxer{g_policy};
-  bool m_isGone = false;
   bool m_isBegun = false;
   long long m_firstTime = 0;
   Clock::time_point m_begin;

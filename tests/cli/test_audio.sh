@@ -154,7 +154,7 @@ refuses <<'END'
 3|mp3 ../zeros.mp3 out.wav|zeros.mp3: cannot open the recording: not media, or damaged
 3|speak ../silent.mp4 --codec aac -o out.wav|silent.mp4: cannot find sound in it
 3|play ../silent.mp4|silent.mp4: cannot find sound in it
-1|play ../st.mp4|st.mp4: cannot play it: it holds more than sound; take that out first, as with mediautil mp3
+1|play ../st.mp4|st.mp4: cannot play it: it holds other streams beside its sound; take the sound out first, as with mediautil mp3
 1|mp3 ../slow.wav out.wav|slow.wav: cannot encode its sound of 300 Hz
 1|speak ../slow.wav --codec aac -o out.wav|slow.wav: cannot turn its sound of 300 Hz into aac of 16000 Hz
 1|g711 ../st.wav none/out.wav|none/out.wav: cannot write the sound: No such file or directory; check the directory

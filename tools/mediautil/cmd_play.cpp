@@ -58,9 +58,8 @@ int Play(const SoundArgs& args) {
     return code;
   }
   if (!source.IsAlone()) {
-    return Fail(
-        kFailed,
-        args.input + ": cannot play it: it holds more than sound; take that out first, as with mediautil " + "mp3");
+    return Fail(kFailed, args.input + ": cannot play it: it holds other streams beside its sound; take the sound " +
+                             "out first, as with mediautil mp3");
   }
   DemuxMp3 demux;
   ESFormat format;

@@ -33,11 +33,8 @@ bool IsLowComplexityAac(const ESFormat& audio) {
   return begin >> 11 == kLowComplexity && IsAacRate(begin >> 7 & 0x0F, audio.audio.i_rate);
 }
 
-// A packet with an ADTS header that tells another rate than the stream's: the core of HE-AAC.
-bool IsOtherAac(const AVPacket& pkt, const ESFormat& audio) {
-  const bool isAdts =
-      audio.i_codec_id == AV_CODEC_ID_AAC && pkt.size >= 7 && pkt.data[0] == 0xFF && (pkt.data[1] & 0xF6) == 0xF0;
-  return isAdts && !IsAacRate(pkt.data[2] >> 2 & 0x0FU, audio.audio.i_rate);
+bool HasAdtsHeader(const AVPacket& pkt) {
+  return pkt.size >= 7 && pkt.data[0] == 0xFF && (pkt.data[1] & 0xF6) == 0xF0;
 }
 
 std::string G726Extra(const ESFormat& audio) {
@@ -168,8 +165,7 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
   if (time != AV_NOPTS_VALUE && time > exporter.m_plan.to) {
     return exporter.Pass(track, time);
   }
-  if (track == Track::kAudio && exporter.m_audioFrames == 0 && IsOtherAac(pkt, fmt)) {
-    exporter.m_isOtherAac = true;
+  if (track == Track::kAudio && !exporter.IsAacAsTold(pkt)) {
     return FETCH_CONN_STOP;
   }
   if (track == Track::kVideo) {
@@ -179,6 +175,16 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
   }
   exporter.m_progress.Update(static_cast<double>(exporter.m_timeline.Length()) / kMicro);
   return FETCH_CONN_NEXT;
+}
+
+// The first ADTS header of HE-AAC tells the rate of its core.
+bool Exporter::IsAacAsTold(const AVPacket& pkt) {
+  const ESFormat& audio = m_recording.audio;
+  if (audio.i_codec_id == AV_CODEC_ID_AAC && !m_isAacSeen && HasAdtsHeader(pkt)) {
+    m_isAacSeen = true;
+    m_isOtherAac = !IsAacRate(pkt.data[2] >> 2 & 0x0FU, audio.audio.i_rate);
+  }
+  return !m_isOtherAac;
 }
 
 // Microseconds from the start of the recording, in decoding times: those rise.
@@ -251,7 +257,8 @@ int Exporter::Conclude() {
   if (m_isOtherAac) {
     return Fail(kFailed, m_plan.input +
                              ": cannot take this aac sound: only AAC-LC can be copied, and it is HE-AAC or " +
-                             "not what the recording says; leave it out with --audio none");
+                             "not what the recording says; " +
+                             (m_plan.hasVideo ? "leave it out with --audio none" : "convert it first"));
   }
   if (m_plan.hasVideo && m_videoFrames == 0) {
     return Fail(kFailed, m_plan.input +

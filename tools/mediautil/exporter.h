@@ -61,6 +61,7 @@ class Exporter {
   FETCH_CONN Pass(Track track, std::int64_t time);
   void TakeVideo(const AVPacket& pkt, const AVStream& st, std::int64_t time);
   void TakeAudio(const AVPacket& pkt, const AVStream& st, std::int64_t time);
+  bool IsAacAsTold(const AVPacket& pkt);
   std::int64_t FromStart(const AVPacket& pkt, const AVStream& st);
 
   int AddStreams();
@@ -87,7 +88,8 @@ class Exporter {
   std::int64_t m_audioFrames = 0;
   std::int64_t m_refused = 0;      // frames that the library refused
   std::int64_t m_skipped = 0;      // pictures before the first key frame
-  bool m_isOtherAac = false;       // the sound is not what its description says
+  bool m_isAacSeen = false;        // a header of the sound
+  bool m_isOtherAac = false;       // which says other than its description
   std::int64_t m_soundEnd = 0;     // where the sound ends in the output, by its times
   std::int64_t m_soundLength = 0;  // and by what there is of it
   int m_jumps = 0;
