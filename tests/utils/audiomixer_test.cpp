@@ -390,6 +390,35 @@ TEST(Mixer, AnOlderFileIsReplacedByAWholeOne) {
   }
 }
 
+// Neither gets the part's place, nor the older file's owner and permissions, what somebody put under its name.
+TEST(Mixer, AForeignFileIsNoPart) {
+  for (const bool isLink : {false, true}) {
+    Mixing live;
+    const std::string input = WriteFile({Low()}, live.dir.Path("in.wav"));
+    const std::string path = live.dir.Path("old.wav");
+    const std::string victim = live.dir.Path("victim");
+    for (const std::string& name : {path, victim}) SaveBytes(name, "old", 3);
+    chmod(path.c_str(), 0666);
+    chmod(victim.c_str(), 0600);
+    for (const int i : {0, 1}) ASSERT_EQ(live.mixer.AddInput(input), i);
+    ASSERT_EQ(live.mixer.SetOutput(path), 0);
+    std::string part;
+    for (const auto& entry : std::filesystem::directory_iterator(live.dir.Path())) {
+      if (entry.path().filename().string().rfind(".old.wav.part-", 0) == 0) part = entry.path();
+    }
+    ASSERT_TRUE(std::filesystem::remove(part));
+    if (isLink) {
+      std::filesystem::create_symlink(victim, part);
+    } else {
+      std::filesystem::create_hard_link(victim, part);
+    }
+    EXPECT_EQ(live.mixer.WriteToFile(), AVERROR(ENOENT));
+    EXPECT_EQ(std::filesystem::status(victim).permissions(), std::filesystem::perms(0600));
+    for (const std::string& name : {path, victim}) EXPECT_EQ(ReadBytes(name), (Bytes{'o', 'l', 'd'}));
+    EXPECT_EQ(live.Files(), 4) << "the foreign name stays";
+  }
+}
+
 TEST(Mixer, AReadOnlyFileIsReplaced) {
   Mixing live;
   const std::string input = WriteFile({Low()}, live.dir.Path("in.wav"));

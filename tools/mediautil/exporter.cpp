@@ -180,7 +180,7 @@ FETCH_CONN Exporter::Fetch(void* self, ESFormat& fmt, AVPacket& pkt, AVStream* s
 // The first ADTS header of HE-AAC tells the rate of its core.
 bool Exporter::IsAacAsTold(const AVPacket& pkt) {
   const ESFormat& audio = m_recording.audio;
-  if (audio.i_codec_id == AV_CODEC_ID_AAC && !m_isAacSeen && HasAdtsHeader(pkt)) {
+  if (audio.i_codec_id == AV_CODEC_ID_AAC && audio.i_extra < 1 && !m_isAacSeen && HasAdtsHeader(pkt)) {
     m_isAacSeen = true;
     m_isOtherAac = !IsAacRate(pkt.data[2] >> 2 & 0x0FU, audio.audio.i_rate);
   }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 extern "C" {
 #include <libavutil/avstring.h>
@@ -51,10 +53,12 @@ bool IsReplaceable(const std::string& target, const struct stat& file) {
   return !isMount && (user == 0 || !isForOwners || user == file.st_uid || user == dir.st_uid);
 }
 
-// Gives a file the owner and the permissions of another one, as far as this process may.
-void CopyAccess(int fd, const struct stat& from) {
+// Gives a file the owner and the permissions of the target, as far as this process may. With an access list the bits of
+// the group are not the group's.
+void CopyAccess(int fd, const std::string& target, const struct stat& from) {
   constexpr auto kSame = static_cast<uid_t>(-1);
-  const bool isShared = fchown(fd, kSame, from.st_gid) == 0;
+  const bool hasList = getxattr(target.c_str(), "system.posix_acl_access", nullptr, 0) > 0;
+  const bool isShared = fchown(fd, kSame, from.st_gid) == 0 && !hasList;
   [[maybe_unused]] int ignored = fchmod(fd, from.st_mode & (isShared ? 0777U : 0707U));
   ignored = fchown(fd, from.st_uid, static_cast<gid_t>(-1));
 }
@@ -88,7 +92,7 @@ int WholeFile::OpenPart(AVFormatContext* oc) {
   if (m_part < 0) {
     return AVERROR(errno);
   }
-  int ret = fchmod(m_part, 0600) == 0 ? 0 : AVERROR(errno);  // or there are no permissions to be copied
+  int ret = fchmod(m_part, 0600) == 0 ? 0 : AVERROR(EPERM);  // or there are no permissions to be copied
   char* url = av_strdup(part.c_str());
   ret = url == nullptr ? AVERROR(ENOMEM) : ret;
   ret = ret < 0 ? ret : avio_open(&oc->pb, url, AVIO_FLAG_WRITE);
@@ -100,6 +104,10 @@ int WholeFile::OpenPart(AVFormatContext* oc) {
   }
   av_free(oc->url);
   oc->url = url;
+  struct stat status = {};
+  fstat(m_part, &status);
+  m_id = {status.st_dev, status.st_ino};
+  m_written = std::move(part);
   return 0;
 }
 
@@ -113,13 +121,12 @@ int WholeFile::Open(AVFormatContext* oc, const std::string& url) {
     m_target.clear();
     ret = avio_open(&oc->pb, url.c_str(), AVIO_FLAG_WRITE);
   }
-  struct stat status = {};
-  m_written = ret < 0 ? "" : m_part >= 0 ? oc->url : ResolvedName(oc->url);
-  m_written = IsRegularFile(m_written, status) ? m_written : "";
-  if (m_part >= 0) {
-    fstat(m_part, &status);
+  if (m_part < 0) {
+    struct stat status = {};
+    m_written = ret < 0 ? "" : ResolvedName(oc->url);
+    m_written = IsRegularFile(m_written, status) ? m_written : "";
+    m_id = {status.st_dev, status.st_ino};
   }
-  m_id = {status.st_dev, status.st_ino};
   return ret;
 }
 
@@ -131,7 +138,7 @@ bool WholeFile::IsStillThere() const {
 
 // What is on the disk takes the target's place, so that a power cut leaves one of the two.
 int WholeFile::Replace() const {
-  CopyAccess(m_part, m_old);
+  CopyAccess(m_part, m_target, m_old);
   if (fsync(m_part) != 0) {
     return AVERROR(errno);
   }
@@ -150,8 +157,8 @@ int WholeFile::Close(AVFormatContext* oc, bool isWhole) {
     ret = Replace();
   }
   ClosePart();
-  if ((!isWhole || ret < 0) && IsStillThere()) {
-    unlink(m_written.c_str());
+  if ((!isWhole || ret < 0) && IsStillThere() && unlink(m_written.c_str()) != 0) {
+    [[maybe_unused]] const int emptied = truncate(m_written.c_str(), 0);  // where names cannot be removed
   }
   return ret;
 }

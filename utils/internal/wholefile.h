@@ -26,7 +26,8 @@ class WholeFile {
   int Open(AVFormatContext* oc, const std::string& url);
 
   // Closes it and gives a whole file its place, with the older one's owner and permissions; a regular file that is not
-  // whole, or that failed, is removed. 0, or the error; also 0 when oc is null or not open.
+  // whole, or that failed, is removed, or emptied where it cannot be. 0, or the error; also 0 when oc is null or not
+  // open.
   int Close(AVFormatContext* oc, bool isWhole);
 
  private:
