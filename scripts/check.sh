@@ -48,11 +48,11 @@ build() {
   cmake --preset dev >/dev/null && cmake --build --preset dev
 }
 
-# Left out: a rule that takes members which are set back by their owner for dangling, and a signature that is fixed.
+# Left out: a rule that takes members which are set back by their owner for dangling, and signatures that are fixed.
 check_cppcheck() {
   cppcheck --quiet --error-exitcode=1 --std=c++17 --enable=warning,performance,portability -I . \
     --suppress=missingIncludeSystem --suppress=danglingLifetime --suppress=passedByValue:utils/mpeg4util.cpp \
-    utils archiving platform tools examples
+    --suppress=passedByValue:platform/local/webapi.cpp utils archiving platform tools examples
 }
 
 check_tidy() {
