@@ -31,14 +31,22 @@ int EncoderRate(AVCodecID codec, int rate) {
   return codec == AV_CODEC_ID_PCM_S16LE ? rate : *std::lower_bound(std::begin(kCompressedRates), last, rate);
 }
 
-// Of one plane of the frame.
+template <typename Sample>
+bool IsWild(Sample sample) {
+  return !(std::fabs(sample) <= kWild);
+}
+
+// Of one plane of the frame. The search has no way out, so that it takes several samples at a time.
 template <typename Sample>
 void SilencePlane(AVFrame* frame, int plane, int count) {
-  const auto isWild = [](Sample sample) { return !(std::fabs(sample) <= kWild); };
   const auto* samples = reinterpret_cast<const Sample*>(frame->extended_data[plane]);
-  if (std::any_of(samples, samples + count, isWild) && av_frame_make_writable(frame) >= 0) {
+  int wild = 0;
+  for (int i = 0; i < count; ++i) {
+    wild |= IsWild(samples[i]) ? 1 : 0;
+  }
+  if (wild != 0 && av_frame_make_writable(frame) >= 0) {
     auto* writable = reinterpret_cast<Sample*>(frame->extended_data[plane]);
-    std::replace_if(writable, writable + count, isWild, Sample{0});
+    std::replace_if(writable, writable + count, IsWild<Sample>, Sample{0});
   }
 }
 
