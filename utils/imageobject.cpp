@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <memory>
 #include <new>
 #include <utility>
@@ -16,6 +15,7 @@
 #include "utils/internal/ffcompat.h"
 #include "utils/internal/ffmpegptr.h"
 #include "utils/internal/fitsize.h"
+#include "utils/internal/guarded.h"
 #include "utils/internal/log.h"
 #include "utils/internal/oneshot.h"
 #include "utils/internal/polygonmask.h"
@@ -252,16 +252,6 @@ mediautil::Size ThumbnailBox(bool large) {
   return large ? mediautil::Size{240, 180} : mediautil::Size{120, 90};
 }
 
-// Runs a step of the event record, whose memory may run out; an exception counts as not done.
-template <typename F>
-bool IsDone(F step) {
-  try {
-    return step();
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
 // The JPEG of an event's picture; null when it cannot be made.
 std::unique_ptr<unsigned char[]> CompressForEvent(const ImageObject& image, unsigned int& size, bool large) {
   unsigned char* jpeg = nullptr;
@@ -310,12 +300,13 @@ int MakeEvtThumbnail(const ImageObject& image, Event* event, const Camera* camer
   if (jpeg == nullptr) {
     return -1;
   }
-  const bool isSet = event == nullptr || IsDone([&] {
-                       event->SetThumbnail(jpeg.get(), size);
-                       event->SaveThumbnail(camera);
-                       return true;
-                     });
-  return isSet ? 0 : -1;
+  return mediautil::Guarded([&] {
+    if (event != nullptr) {
+      event->SetThumbnail(jpeg.get(), size);
+      event->SaveThumbnail(camera);
+    }
+    return 0;
+  });
 }
 
 int MakeEvtPreviewThumbnail(const ImageObject& image, Event* event, const Camera* camera) {
@@ -324,8 +315,8 @@ int MakeEvtPreviewThumbnail(const ImageObject& image, Event* event, const Camera
   if (jpeg == nullptr) {
     return -1;
   }
-  const bool isSaved =
-      event == nullptr || IsDone([&] { return event->SavePreviewThumbnail(jpeg.get(), size, camera) == 0; });
+  const bool isSaved = event == nullptr ||
+                       mediautil::Guarded([&] { return event->SavePreviewThumbnail(jpeg.get(), size, camera); }) == 0;
   VY_FAIL_IF(!isSaved, -1, LOG_LEVEL_WARN, "Cam[%d]: Failed to save preview thumbnail at time [%lld]\n",
              camera == nullptr ? 0 : camera->id, event->GetPreviewCreateTm());
   return 0;

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <ctime>
-#include <exception>
 #include <vector>
 
 #include "platform/file.h"
@@ -16,6 +15,7 @@
 #include "platform/time.h"
 #include "platform/webapi.h"
 #include "utils/imageobject.h"
+#include "utils/internal/guarded.h"
 #include "utils/internal/log.h"
 
 namespace {
@@ -206,22 +206,13 @@ int GetFromCache(const Stream& stream, unsigned int maxAge, Bytes& out) {
   return 0;
 }
 
-// Runs a step whose memory may run out; an exception counts as failed.
-template <typename F>
-int Guarded(F step) {
-  try {
-    return step();
-  } catch (const std::exception&) {
-    return -1;
-  }
-}
-
 }  // namespace
 
 SharedThumb::SharedThumb(int cameraId, CAM_PROFILE_TYPE (Camera::*profileGetter)() const, unsigned int maxAge)
     : m_maxAge(maxAge) {
   Camera camera;
-  const bool isLoaded = profileGetter != nullptr && Guarded([&] { return camera.Load(cameraId, 0, 0); }) == 0;
+  const bool isLoaded =
+      profileGetter != nullptr && mediautil::Guarded([&] { return camera.Load(cameraId, 0, 0); }) == 0;
   if (!isLoaded) {
     VyPrintf(LOG_TYPE_DEFAULT, nullptr, nullptr, mediautil::kSourcePath.data(), __LINE__, __func__,
              "Failed to load Cam[%d]\n", cameraId);
@@ -241,12 +232,12 @@ int SharedThumb::GetThumb(Bytes& out) const {
   if (m_cameraId < 1 || m_streamNo < 0) {
     return -1;
   }
-  return Guarded([&] { return GetFromCache({m_cameraId, m_streamNo, m_videoType}, m_maxAge, out); });
+  return mediautil::Guarded([&] { return GetFromCache({m_cameraId, m_streamNo, m_videoType}, m_maxAge, out); });
 }
 
 int SharedThumb::GetBase64Thumb(std::string& out) const {
   out.clear();
-  return Guarded([&] {
+  return mediautil::Guarded([&] {
     Bytes thumb;
     if (GetThumb(thumb) != 0) {
       return -1;
