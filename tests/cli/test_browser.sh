@@ -13,7 +13,16 @@ chromium=$(command -v chromium || command -v chromium-browser) || {
 }
 
 server='' browser=''
-trap 'kill $browser $server 2>/dev/null || true; wait; rm -rf "$DIR"' EXIT
+# Chromium's own processes write their profile for a moment longer.
+clean_up() {
+  kill $browser $server 2>/dev/null || true
+  wait
+  for _ in {1..10}; do
+    ! rm -rf "$DIR" 2>/dev/null || break
+    sleep 0.5
+  done
+}
+trap clean_up EXIT
 
 # Chromium at times hangs before it opens a page; then it is started anew.
 open_page() {
