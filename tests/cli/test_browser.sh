@@ -15,6 +15,7 @@ chromium=$(command -v chromium || command -v chromium-browser) || {
 server='' browser=''
 # Chromium's own processes write their profile for a moment longer.
 clean_up() {
+  # shellcheck disable=SC2086  # empty ones are no words
   kill $browser $server 2>/dev/null || true
   wait
   for _ in {1..10}; do
